@@ -1,0 +1,45 @@
+# Thin wrapper around CMake; every target installs what it needs first.
+BUILD      ?= build
+JOBS       ?= $(shell nproc)
+CTEST_ARGS ?= --output-on-failure -j$(JOBS) --timeout 120
+
+.PHONY: all deps build check check-asan check-tsan demo bench fuzz format clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+$(BUILD)/CMakeCache.txt: | deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+build: deps $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j$(JOBS)
+
+check: build
+	cd $(BUILD) && ctest $(CTEST_ARGS)
+
+check-asan: deps
+	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DORV_SANITIZE=address
+	cmake --build build-asan -j$(JOBS)
+	cd build-asan && ctest $(CTEST_ARGS)
+
+check-tsan: deps
+	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DORV_SANITIZE=thread
+	cmake --build build-tsan -j$(JOBS)
+	cd build-tsan && TSAN_OPTIONS="suppressions=$(CURDIR)/tests/tsan.supp halt_on_error=1" ctest $(CTEST_ARGS)
+
+demo: build
+	scripts/demo $(BUILD)
+
+bench: build
+	$(BUILD)/bin/orv_bench
+
+fuzz: deps
+	scripts/fuzz
+
+format:
+	git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+clean:
+	rm -rf build build-asan build-tsan build-fuzz

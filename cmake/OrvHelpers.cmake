@@ -1,0 +1,32 @@
+# orv_library(NAME GLOBS <patterns...> [EXCLUDE <regex...>] [DEPS <targets...>])
+# A static library made of whatever sources match; a library with no sources yet is skipped.
+function(orv_library name)
+    cmake_parse_arguments(A "" "" "GLOBS;EXCLUDE;DEPS" ${ARGN})
+    file(GLOB srcs CONFIGURE_DEPENDS ${A_GLOBS})
+    foreach(rx IN LISTS A_EXCLUDE)
+        list(FILTER srcs EXCLUDE REGEX "${rx}")
+    endforeach()
+    if(NOT srcs)
+        message(STATUS "${name}: no sources")
+        return()
+    endif()
+    add_library(${name} STATIC ${srcs})
+    target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR})
+    target_link_libraries(${name} PUBLIC ${A_DEPS})
+endfunction()
+
+# orv_test(NAME GLOBS <patterns...> DEPS <targets...>): one gtest binary, each case its own ctest test
+# so that process-wide singletons start fresh.
+function(orv_test name)
+    cmake_parse_arguments(A "" "" "GLOBS;DEPS" ${ARGN})
+    file(GLOB srcs CONFIGURE_DEPENDS ${A_GLOBS})
+    if(NOT srcs)
+        return()
+    endif()
+    add_executable(${name} ${srcs})
+    target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/tests)
+    target_link_libraries(${name} PRIVATE ${A_DEPS} GTest::gtest GTest::gtest_main GTest::gmock)
+    target_compile_definitions(${name} PRIVATE ORV_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}"
+                               ORV_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+endfunction()

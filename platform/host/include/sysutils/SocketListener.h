@@ -1,0 +1,38 @@
+#pragma once
+#include <pthread.h>
+
+#include <list>
+
+#include <sysutils/SocketClient.h>
+
+class SocketListener {
+public:
+    SocketListener(const char* socketName, bool listen);
+    SocketListener(int socketFd, bool listen);
+    virtual ~SocketListener();
+
+    // Takes the socket from ANDROID_SOCKET_<name> or creates $ORV_ROOT/dev/socket/<name>, then
+    // serves clients on a thread of its own. 0 on success, -1 on failure.
+    int startListener();
+    int startListener(int backlog);
+    int stopListener();
+
+protected:
+    // false: the client is closed and forgotten.
+    virtual bool onDataAvailable(SocketClient* c) = 0;
+
+private:
+    static void* threadStart(void* obj);
+    void runListener();
+    int openSocket(int backlog);
+
+    bool mListen;
+    const char* mSocketName;
+    int mSock;
+    bool mSockOwned;
+    std::list<SocketClient*> mClients;
+    pthread_mutex_t mClientsLock;
+    int mCtrlPipe[2];
+    pthread_t mThread;
+    bool mThreadStarted;
+};

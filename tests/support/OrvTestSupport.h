@@ -1,0 +1,145 @@
+#pragma once
+// Shared test fixtures: a throw-away ORV_ROOT and a capture of log records through the host hook.
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <orvhost/host.h>
+
+namespace orvtest {
+
+// Creates a fresh directory, points ORV_ROOT at it and removes it again.
+class TempRoot {
+public:
+    TempRoot() {
+        char tmpl[] = "/tmp/orvtest.XXXXXX";
+        const char* dir = mkdtemp(tmpl);
+        mPath = dir ? dir : "";
+        setenv("ORV_ROOT", mPath.c_str(), 1);
+        mkdir((mPath + "/data").c_str(), 0755);
+        mkdir((mPath + "/system").c_str(), 0755);
+        mkdir((mPath + "/system/etc").c_str(), 0755);
+        mkdir((mPath + "/dev").c_str(), 0755);
+    }
+    ~TempRoot() {
+        if (!mPath.empty()) {
+            std::string cmd = "rm -rf '" + mPath + "'";
+            if (system(cmd.c_str()) != 0) {
+                // best effort
+            }
+        }
+    }
+    TempRoot(const TempRoot&) = delete;
+    TempRoot& operator=(const TempRoot&) = delete;
+
+    const std::string& path() const { return mPath; }
+    std::string operator/(const std::string& rel) const { return mPath + "/" + rel; }
+
+    // Writes `content` to root-relative `rel`, creating parent directories.
+    std::string write(const std::string& rel, const std::string& content) const {
+        std::string full = mPath + "/" + rel;
+        std::string cmd = "mkdir -p \"$(dirname '" + full + "')\"";
+        if (system(cmd.c_str()) != 0) return full;
+        std::ofstream(full, std::ios::binary) << content;
+        return full;
+    }
+
+private:
+    std::string mPath;
+};
+
+inline std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+struct LogRecord {
+    int prio;
+    std::string tag;
+    std::string text;
+};
+
+// Records every log record while alive. `echo` keeps them on stderr as well.
+class LogCapture {
+public:
+    explicit LogCapture(bool echo = false) { orvhost_set_log_hook(&LogCapture::hook, this, echo); }
+    ~LogCapture() { orvhost_set_log_hook(nullptr, nullptr, true); }
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::vector<LogRecord> records() const {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mRecords;
+    }
+    void clear() {
+        std::lock_guard<std::mutex> lock(mLock);
+        mRecords.clear();
+    }
+    // Number of records whose text equals `text` (and whose tag equals `tag` when given).
+    int count(const std::string& text, const char* tag = nullptr) const {
+        return countIf([&](const LogRecord& r) { return r.text == text && tagIs(r, tag); });
+    }
+    int countContaining(const std::string& part, const char* tag = nullptr) const {
+        return countIf([&](const LogRecord& r) {
+            return r.text.find(part) != std::string::npos && tagIs(r, tag);
+        });
+    }
+    bool has(const std::string& text, const char* tag = nullptr) const {
+        return count(text, tag) > 0;
+    }
+    // Texts of one tag, in order.
+    std::vector<std::string> texts(const char* tag = nullptr) const {
+        std::vector<std::string> out;
+        for (const auto& r : records())
+            if (tagIs(r, tag)) out.push_back(r.text);
+        return out;
+    }
+    // Waits until at least `n` records have text `text`; false on time-out.
+    bool waitFor(const std::string& text, int n = 1, int timeoutMs = 5000) const {
+        return waitUntil([&] { return countLocked(text) >= n; }, timeoutMs);
+    }
+    bool waitUntil(const std::function<bool()>& done, int timeoutMs = 5000) const {
+        std::unique_lock<std::mutex> lock(mLock);
+        return mCond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+            mLock.unlock();
+            bool ok = done();
+            mLock.lock();
+            return ok;
+        });
+    }
+
+private:
+    static bool tagIs(const LogRecord& r, const char* tag) { return !tag || r.tag == tag; }
+    int countIf(const std::function<bool(const LogRecord&)>& pred) const {
+        int n = 0;
+        for (const auto& r : records())
+            if (pred(r)) ++n;
+        return n;
+    }
+    int countLocked(const std::string& text) const { return count(text); }
+    static void hook(int prio, const char* tag, const char* text, void* cookie) {
+        auto* self = static_cast<LogCapture*>(cookie);
+        {
+            std::lock_guard<std::mutex> lock(self->mLock);
+            self->mRecords.push_back({prio, tag ? tag : "", text ? text : ""});
+        }
+        self->mCond.notify_all();
+    }
+
+    mutable std::mutex mLock;
+    mutable std::condition_variable mCond;
+    std::vector<LogRecord> mRecords;
+};
+
+}  // namespace orvtest
