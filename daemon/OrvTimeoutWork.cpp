@@ -1,0 +1,51 @@
+#define LOG_TAG "OrvTimeoutWork"
+
+#include "daemon/OrvTimeoutWork.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cutils/sockets.h>
+
+#include "daemon/OrvLog.h"
+
+namespace {
+const char kTimeoutMsg[] = "[500,0]";
+}
+
+OrvTimeoutWork::OrvTimeoutWork() : OrvWork("TIMEOUT", false), mSocket(-1) {}
+
+OrvTimeoutWork::~OrvTimeoutWork() {
+    if (mSocket >= 0) {
+        close(mSocket);
+    }
+}
+
+void OrvTimeoutWork::execute() {
+    if (mSocket < 0) {
+        ORV_LOGD("creating socket...");
+        mSocket = socket(AF_UNIX, SOCK_STREAM, 0);
+        if (mSocket < 0) {
+            ALOGE("socket create fail (ret=%d)\n", mSocket);
+            return;
+        }
+        ORV_LOGD("done\nconnecting socket...");
+        int ret = socket_local_client_connect(mSocket, "orvd", ANDROID_SOCKET_NAMESPACE_RESERVED,
+                                              SOCK_STREAM);
+        if (ret < 0) {
+            ALOGE("socket connect fail (ret=%d)\n", ret);
+            close(mSocket);
+            mSocket = -1;
+            return;
+        }
+    }
+    // The daemon ignores SIGPIPE, so a vanished peer shows up here as a failed send.
+    ssize_t ret = send(mSocket, kTimeoutMsg, sizeof(kTimeoutMsg) - 1, 0);
+    if (ret < 0) {
+        ALOGE("TimeoutMsg send failed (ret=%d) (fd=%d)\n", static_cast<int>(ret), mSocket);
+        close(mSocket);
+        mSocket = -1;
+        return;
+    }
+    ORV_LOGD("TimeoutMsg sent (fd=%d)", mSocket);
+}

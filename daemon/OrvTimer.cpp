@@ -1,0 +1,77 @@
+#define LOG_TAG "OrvTimer"
+
+#include "daemon/OrvTimer.h"
+
+#include <errno.h>
+#include <sys/time.h>
+#include <time.h>
+
+#include "daemon/OrvLog.h"
+
+OrvTimer& OrvTimer::getInstance() {
+    static OrvTimer instance;
+    return instance;
+}
+
+OrvTimer::OrvTimer() : mPeriod(0), mWork(nullptr) {
+    pthread_mutex_init(&mLock, nullptr);
+    pthread_cond_init(&mCond, nullptr);
+}
+
+// The timer thread is never joined and may still wait on the condition variable at exit;
+// destroying it then would block in glibc, so the primitives are left to the process.
+OrvTimer::~OrvTimer() {}
+
+void OrvTimer::set(int ms) {
+    pthread_mutex_lock(&mLock);
+    ORV_LOGD("set timer(%d ms)", ms);
+    mPeriod = ms < 0 ? 0 : ms;
+    pthread_cond_signal(&mCond);
+    pthread_mutex_unlock(&mLock);
+}
+
+void OrvTimer::reset() {
+    pthread_mutex_lock(&mLock);
+    ORV_LOGD("reset timer");
+    if (mPeriod > 0) {
+        mPeriod = 0;
+        pthread_cond_signal(&mCond);
+    }
+    pthread_mutex_unlock(&mLock);
+}
+
+void OrvTimer::setTimeoutWork(OrvWork* work) {
+    pthread_mutex_lock(&mLock);
+    mWork = work;
+    pthread_mutex_unlock(&mLock);
+}
+
+void* OrvTimer::run() {
+    for (;;) {
+        pthread_mutex_lock(&mLock);
+        if (mPeriod <= 0) {
+            ORV_LOGD("timer reset done");
+            pthread_cond_wait(&mCond, &mLock);
+        } else {
+            struct timeval now;
+            gettimeofday(&now, nullptr);
+            // Whole seconds are carried out of the nanoseconds: timedwait refuses a tv_nsec of
+            // a second or more, which would make this loop spin and fire late.
+            long nsec = now.tv_usec * 1000L + (mPeriod % 1000) * 1000000L;
+            struct timespec deadline;
+            deadline.tv_sec = now.tv_sec + mPeriod / 1000 + nsec / 1000000000L;
+            deadline.tv_nsec = nsec % 1000000000L;
+            ORV_LOGD("timer set done (%d ms)", mPeriod);
+            int ret = pthread_cond_timedwait(&mCond, &mLock, &deadline);
+            if (ret == ETIMEDOUT) {
+                ORV_LOGD("%d ms timeout", mPeriod);
+                mPeriod = 0;
+                if (mWork != nullptr) {
+                    mWork->execute();
+                }
+            }
+        }
+        pthread_mutex_unlock(&mLock);
+    }
+    return nullptr;
+}

@@ -1,0 +1,52 @@
+#define LOG_TAG "OrvWorkQueue"
+
+#include "daemon/OrvWorkQueue.h"
+
+#include <sched.h>
+#include <sys/resource.h>
+
+#include "daemon/OrvStopWatch.h"
+
+OrvWorkQueue::OrvWorkQueue() : mPriority(0), mPolicy(0) {
+    pthread_mutex_init(&mLock, nullptr);
+    pthread_cond_init(&mCond, nullptr);
+}
+
+// The serving thread is never joined and may still wait on the condition variable when the
+// owner goes away at exit; destroying it then would block in glibc.
+OrvWorkQueue::~OrvWorkQueue() {}
+
+void OrvWorkQueue::push_back(OrvWork* work) {
+    pthread_mutex_lock(&mLock);
+    mQueue.push_back(work);
+    gWatch.check(">==work added======>");
+    pthread_cond_signal(&mCond);
+    pthread_mutex_unlock(&mLock);
+}
+
+void* OrvWorkQueue::run() {
+    if (mPolicy != 0) {
+        struct sched_param param = {};
+        param.sched_priority = mPriority;
+        sched_setscheduler(0, mPolicy, &param);
+    } else if (mPriority != 0) {
+        setpriority(PRIO_PROCESS, 0, mPriority);
+    }
+    for (;;) {
+        pthread_mutex_lock(&mLock);
+        while (mQueue.empty()) {
+            pthread_cond_wait(&mCond, &mLock);
+        }
+        gWatch.check(">==work start======>");
+        OrvWork* work = mQueue.front();
+        mQueue.pop_front();
+        // Executed under the lock: producers wait until the work is done.
+        work->execute();
+        gWatch.stop(">==work finish======>");
+        if (work->isDeleteAfterRun()) {
+            delete work;
+        }
+        pthread_mutex_unlock(&mLock);
+    }
+    return nullptr;
+}
