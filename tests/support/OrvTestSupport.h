@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <stdint.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <fstream>
@@ -107,16 +109,24 @@ public:
     }
     // Waits until at least `n` records have text `text`; false on time-out.
     bool waitFor(const std::string& text, int n = 1, int timeoutMs = 5000) const {
-        return waitUntil([&] { return countLocked(text) >= n; }, timeoutMs);
+        return waitUntil([&] { return count(text) >= n; }, timeoutMs);
     }
     bool waitUntil(const std::function<bool()>& done, int timeoutMs = 5000) const {
-        std::unique_lock<std::mutex> lock(mLock);
-        return mCond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-            mLock.unlock();
-            bool ok = done();
-            mLock.lock();
-            return ok;
-        });
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        for (;;) {
+            uint64_t seen;
+            {
+                std::lock_guard<std::mutex> lock(mLock);
+                seen = mGeneration;
+            }
+            if (done()) return true;
+            // A record that arrived since `seen` was read ends the wait at once: none is missed.
+            std::unique_lock<std::mutex> lock(mLock);
+            if (!mCond.wait_until(lock, deadline, [&] { return mGeneration != seen; })) {
+                lock.unlock();
+                return done();
+            }
+        }
     }
 
 private:
@@ -127,12 +137,12 @@ private:
             if (pred(r)) ++n;
         return n;
     }
-    int countLocked(const std::string& text) const { return count(text); }
     static void hook(int prio, const char* tag, const char* text, void* cookie) {
         auto* self = static_cast<LogCapture*>(cookie);
         {
             std::lock_guard<std::mutex> lock(self->mLock);
             self->mRecords.push_back({prio, tag ? tag : "", text ? text : ""});
+            ++self->mGeneration;
         }
         self->mCond.notify_all();
     }
@@ -140,6 +150,7 @@ private:
     mutable std::mutex mLock;
     mutable std::condition_variable mCond;
     std::vector<LogRecord> mRecords;
+    uint64_t mGeneration = 0;
 };
 
 }  // namespace orvtest
