@@ -1,12 +1,12 @@
 #pragma once
 #include <pthread.h>
-
-#include <list>
-
 #include <sysutils/SocketClient.h>
 
+#include <list>
+#include <string>
+
 class SocketListener {
-public:
+  public:
     SocketListener(const char* socketName, bool listen);
     SocketListener(int socketFd, bool listen);
     virtual ~SocketListener();
@@ -17,19 +17,25 @@ public:
     int startListener(int backlog);
     int stopListener();
 
-protected:
+  protected:
     // false: the client is closed and forgotten.
     virtual bool onDataAvailable(SocketClient* c) = 0;
 
-private:
+  private:
     static void* threadStart(void* obj);
     void runListener();
     int openSocket(int backlog);
+    int createSocket(const std::string& path);
+    bool acceptClient();
+    void serveClients(const struct pollfd* fds, size_t count);
+    void releaseClients();
 
     bool mListen;
     const char* mSocketName;
     int mSock;
     bool mSockOwned;
+    std::string mSockPath;  // the socket file we bound, removed again on stop
+    unsigned long mSockIno;
     std::list<SocketClient*> mClients;
     pthread_mutex_t mClientsLock;
     int mCtrlPipe[2];

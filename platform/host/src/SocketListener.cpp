@@ -1,0 +1,317 @@
+#define LOG_TAG "SocketListener"
+#include <cutils/sockets.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <log/log.h>
+#include <orvhost/host.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sysutils/SocketListener.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <vector>
+
+namespace {
+
+constexpr int kDefaultBacklog = 4;
+// After a hard accept failure (out of descriptors), how long the listening socket rests.
+constexpr int kAcceptPauseMs = 100;
+
+bool makeParentDirs(const std::string& path) {
+    size_t pos = 0;
+    while ((pos = path.find('/', pos + 1)) != std::string::npos) {
+        std::string dir = path.substr(0, pos);
+        if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) return false;
+    }
+    return true;
+}
+
+bool fillAddress(const std::string& path, sockaddr_un* addr) {
+    memset(addr, 0, sizeof(*addr));
+    addr->sun_family = AF_UNIX;
+    if (path.size() >= sizeof(addr->sun_path)) return false;
+    memcpy(addr->sun_path, path.c_str(), path.size());
+    return true;
+}
+
+// True when something accepts connections on the socket file.
+bool isLive(const sockaddr_un& addr) {
+    int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (probe < 0) return false;
+    int r;
+    do {
+        r = connect(probe, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr));
+    } while (r != 0 && errno == EINTR);
+    close(probe);
+    return r == 0;
+}
+
+}  // namespace
+
+SocketListener::SocketListener(const char* socketName, bool listen)
+    : mListen(listen),
+      mSocketName(socketName),
+      mSock(-1),
+      mSockOwned(false),
+      mSockIno(0),
+      mCtrlPipe{-1, -1},
+      mThread(),
+      mThreadStarted(false) {
+    pthread_mutex_init(&mClientsLock, nullptr);
+}
+
+SocketListener::SocketListener(int socketFd, bool listen)
+    : mListen(listen),
+      mSocketName(nullptr),
+      mSock(socketFd),
+      mSockOwned(false),
+      mSockIno(0),
+      mCtrlPipe{-1, -1},
+      mThread(),
+      mThreadStarted(false) {
+    pthread_mutex_init(&mClientsLock, nullptr);
+}
+
+SocketListener::~SocketListener() {
+    if (mThreadStarted) stopListener();
+    releaseClients();
+    if (mSockOwned && mSock >= 0) close(mSock);
+    pthread_mutex_destroy(&mClientsLock);
+}
+
+int SocketListener::startListener() {
+    return startListener(kDefaultBacklog);
+}
+
+int SocketListener::startListener(int backlog) {
+    if (mThreadStarted) {
+        ALOGE("listener already started");
+        return -1;
+    }
+    if (openSocket(backlog) != 0) return -1;
+    if (pipe2(mCtrlPipe, O_CLOEXEC) != 0) {
+        ALOGE("pipe failed (%s)", strerror(errno));
+        mCtrlPipe[0] = mCtrlPipe[1] = -1;
+        return -1;
+    }
+    int err = pthread_create(&mThread, nullptr, threadStart, this);
+    if (err != 0) {
+        ALOGE("pthread_create failed (%s)", strerror(err));
+        close(mCtrlPipe[0]);
+        close(mCtrlPipe[1]);
+        mCtrlPipe[0] = mCtrlPipe[1] = -1;
+        return -1;
+    }
+    mThreadStarted = true;
+    return 0;
+}
+
+int SocketListener::openSocket(int backlog) {
+    if (mSocketName && mSock < 0) {
+        int fd = android_get_control_socket(mSocketName);
+        if (fd >= 0) {
+            mSock = fd;
+            mSockOwned = true;
+        } else {
+            std::string var = std::string(ANDROID_SOCKET_ENV_PREFIX) + mSocketName;
+            if (getenv(var.c_str())) ALOGW("%s is not a socket; creating one", var.c_str());
+            std::string path = orvhost_path(ANDROID_SOCKET_DIR "/") + mSocketName;
+            fd = createSocket(path);
+            if (fd < 0) return -1;
+            mSock = fd;
+            mSockOwned = true;
+        }
+    }
+    if (mSock < 0) {
+        ALOGE("no socket to serve");
+        return -1;
+    }
+    if (!mListen) {
+        pthread_mutex_lock(&mClientsLock);
+        mClients.push_back(new SocketClient(mSock, false));
+        pthread_mutex_unlock(&mClientsLock);
+        return 0;
+    }
+    if (listen(mSock, backlog) != 0) {
+        ALOGE("listen failed (%s)", strerror(errno));
+        return -1;
+    }
+    // The thread only accepts after poll; non-blocking keeps a lost race from stalling it.
+    int flags = fcntl(mSock, F_GETFL);
+    if (flags >= 0) fcntl(mSock, F_SETFL, flags | O_NONBLOCK);
+    return 0;
+}
+
+int SocketListener::createSocket(const std::string& path) {
+    sockaddr_un addr;
+    if (!fillAddress(path, &addr)) {
+        ALOGE("socket path too long: %s", path.c_str());
+        return -1;
+    }
+    if (!makeParentDirs(path)) {
+        ALOGE("cannot create the directory of %s (%s)", path.c_str(), strerror(errno));
+        return -1;
+    }
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        ALOGE("socket failed (%s)", strerror(errno));
+        return -1;
+    }
+    const sockaddr* sa = reinterpret_cast<const sockaddr*>(&addr);
+    int rc = bind(fd, sa, sizeof(addr));
+    if (rc != 0 && errno == EADDRINUSE) {
+        struct stat st;
+        if (lstat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) {
+            ALOGE("%s exists and is not a socket", path.c_str());
+            close(fd);
+            return -1;
+        }
+        if (isLive(addr)) {
+            ALOGE("socket %s is in use by another process", path.c_str());
+            close(fd);
+            return -1;
+        }
+        // Left behind by a process that is gone.
+        unlink(path.c_str());
+        rc = bind(fd, sa, sizeof(addr));
+    }
+    if (rc != 0) {
+        ALOGE("bind %s failed (%s)", path.c_str(), strerror(errno));
+        close(fd);
+        return -1;
+    }
+    // Mode set explicitly: the umask must not widen or narrow who may talk to the daemon.
+    struct stat st;
+    if (chmod(path.c_str(), 0660) != 0 || lstat(path.c_str(), &st) != 0) {
+        ALOGE("chmod %s failed (%s)", path.c_str(), strerror(errno));
+        close(fd);
+        unlink(path.c_str());
+        return -1;
+    }
+    mSockPath = path;
+    mSockIno = static_cast<unsigned long>(st.st_ino);
+    return fd;
+}
+
+int SocketListener::stopListener() {
+    if (!mThreadStarted) return -1;
+    char stop = 'S';
+    ssize_t n;
+    do {
+        n = write(mCtrlPipe[1], &stop, 1);
+    } while (n < 0 && errno == EINTR);
+    if (n != 1) {
+        ALOGE("cannot signal the listener thread (%s)", strerror(errno));
+        return -1;
+    }
+    pthread_join(mThread, nullptr);
+    mThreadStarted = false;
+    close(mCtrlPipe[0]);
+    close(mCtrlPipe[1]);
+    mCtrlPipe[0] = mCtrlPipe[1] = -1;
+    releaseClients();
+    if (mSockOwned && mSock >= 0) {
+        close(mSock);
+        mSock = -1;
+        mSockOwned = false;
+    }
+    if (!mSockPath.empty()) {
+        // Only our own file: another daemon may have taken the name since.
+        struct stat st;
+        if (lstat(mSockPath.c_str(), &st) == 0 && static_cast<unsigned long>(st.st_ino) == mSockIno)
+            unlink(mSockPath.c_str());
+        mSockPath.clear();
+    }
+    return 0;
+}
+
+void* SocketListener::threadStart(void* obj) {
+    static_cast<SocketListener*>(obj)->runListener();
+    return nullptr;
+}
+
+void SocketListener::runListener() {
+    std::vector<pollfd> fds;
+    bool acceptPaused = false;
+    for (;;) {
+        fds.clear();
+        fds.push_back({mCtrlPipe[0], POLLIN, 0});
+        const bool pollListen = mListen && !acceptPaused;
+        if (pollListen) fds.push_back({mSock, POLLIN, 0});
+        const size_t firstClient = fds.size();
+        pthread_mutex_lock(&mClientsLock);
+        for (SocketClient* c : mClients) fds.push_back({c->getSocket(), POLLIN, 0});
+        pthread_mutex_unlock(&mClientsLock);
+
+        int r = poll(fds.data(), fds.size(), acceptPaused ? kAcceptPauseMs : -1);
+        acceptPaused = false;
+        if (r < 0) {
+            if (errno == EINTR) continue;
+            ALOGE("poll failed (%s)", strerror(errno));
+            poll(nullptr, 0, kAcceptPauseMs);
+            continue;
+        }
+        if (fds[0].revents != 0) return;
+        if (pollListen && fds[1].revents != 0) acceptPaused = !acceptClient();
+        serveClients(fds.data() + firstClient, fds.size() - firstClient);
+    }
+}
+
+bool SocketListener::acceptClient() {
+    for (;;) {
+        int fd = accept4(mSock, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) {
+            switch (errno) {
+                case EINTR:
+                case ECONNABORTED:
+                case EPROTO:
+                    continue;
+                case EAGAIN:
+#if EWOULDBLOCK != EAGAIN
+                case EWOULDBLOCK:
+#endif
+                    return true;
+                default:
+                    ALOGE("accept failed (%s)", strerror(errno));
+                    return false;
+            }
+        }
+        SocketClient* c = new SocketClient(fd, true);
+        pthread_mutex_lock(&mClientsLock);
+        mClients.push_back(c);
+        pthread_mutex_unlock(&mClientsLock);
+    }
+}
+
+// `fds` matches the front of mClients: only this thread adds or removes clients, and new ones
+// go to the back.
+void SocketListener::serveClients(const pollfd* fds, size_t count) {
+    pthread_mutex_lock(&mClientsLock);
+    std::vector<SocketClient*> polled(mClients.begin(), mClients.end());
+    pthread_mutex_unlock(&mClientsLock);
+    for (size_t i = 0; i < count && i < polled.size(); ++i) {
+        const short ev = fds[i].revents;
+        if (ev == 0) continue;
+        SocketClient* c = polled[i];
+        if (onDataAvailable(c)) continue;
+        // The socket given in non-listen mode is not a connection: it stays unless it is dead.
+        if (!mListen && !(ev & (POLLHUP | POLLERR | POLLNVAL))) continue;
+        pthread_mutex_lock(&mClientsLock);
+        mClients.remove(c);
+        pthread_mutex_unlock(&mClientsLock);
+        delete c;
+    }
+}
+
+void SocketListener::releaseClients() {
+    pthread_mutex_lock(&mClientsLock);
+    std::list<SocketClient*> clients;
+    clients.swap(mClients);
+    pthread_mutex_unlock(&mClientsLock);
+    for (SocketClient* c : clients) delete c;
+}

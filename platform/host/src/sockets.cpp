@@ -1,0 +1,104 @@
+#include <cutils/sockets.h>
+#include <errno.h>
+#include <limits.h>
+#include <orvhost/host.h>
+#include <poll.h>
+#include <stddef.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace {
+
+// Fills `addr` for `name` in the namespace; false when the name does not fit or is unknown.
+bool makeAddress(const char* name, int namespaceId, sockaddr_un* addr, socklen_t* addrLen) {
+    memset(addr, 0, sizeof(*addr));
+    addr->sun_family = AF_LOCAL;
+    size_t nameLen = strlen(name);
+    switch (namespaceId) {
+        case ANDROID_SOCKET_NAMESPACE_ABSTRACT:
+            // A leading NUL selects Linux's abstract names; the length ends the name.
+            if (nameLen + 1 > sizeof(addr->sun_path)) return false;
+            memcpy(addr->sun_path + 1, name, nameLen);
+            *addrLen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + nameLen);
+            return true;
+        case ANDROID_SOCKET_NAMESPACE_RESERVED: {
+            std::string path = orvhost_path(ANDROID_SOCKET_DIR "/") + name;
+            if (path.size() >= sizeof(addr->sun_path)) return false;
+            memcpy(addr->sun_path, path.c_str(), path.size());
+            *addrLen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + 1);
+            return true;
+        }
+        case ANDROID_SOCKET_NAMESPACE_FILESYSTEM:
+            if (nameLen == 0 || nameLen >= sizeof(addr->sun_path)) return false;
+            memcpy(addr->sun_path, name, nameLen);
+            *addrLen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + nameLen + 1);
+            return true;
+        default:
+            return false;
+    }
+}
+
+// An interrupted connect goes on in the background; wait for it instead of connecting twice.
+bool finishInterruptedConnect(int fd) {
+    pollfd p = {fd, POLLOUT, 0};
+    int r;
+    do {
+        r = poll(&p, 1, -1);
+    } while (r < 0 && errno == EINTR);
+    if (r < 0) return false;
+    int err = 0;
+    socklen_t len = sizeof(err);
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) return false;
+    if (err != 0) {
+        errno = err;
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+extern "C" int android_get_control_socket(const char* name) {
+    if (!name) return -1;
+    std::string var = std::string(ANDROID_SOCKET_ENV_PREFIX) + name;
+    const char* val = getenv(var.c_str());
+    if (!val || *val < '0' || *val > '9') return -1;
+    errno = 0;
+    char* end = nullptr;
+    long fd = strtol(val, &end, 10);
+    if (errno != 0 || *end != '\0' || fd < 0 || fd > INT_MAX) return -1;
+    struct stat st;
+    if (fstat(static_cast<int>(fd), &st) != 0 || !S_ISSOCK(st.st_mode)) return -1;
+    return static_cast<int>(fd);
+}
+
+extern "C" int socket_local_client_connect(int fd, const char* name, int namespaceId, int /*type*/) {
+    if (fd < 0 || !name) return -1;
+    sockaddr_un addr;
+    socklen_t addrLen = 0;
+    if (!makeAddress(name, namespaceId, &addr, &addrLen)) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), addrLen) == 0) return fd;
+    if (errno == EINTR && finishInterruptedConnect(fd)) return fd;
+    return -1;
+}
+
+extern "C" int socket_local_client(const char* name, int namespaceId, int type) {
+    int fd = socket(AF_LOCAL, type | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    if (socket_local_client_connect(fd, name, namespaceId, type) < 0) {
+        int saved = errno;
+        close(fd);
+        errno = saved;
+        return -1;
+    }
+    return fd;
+}

@@ -1,0 +1,107 @@
+#define LOG_TAG "OrvActionManager"
+#include "policy/OrvActionManager.h"
+
+#include <string.h>
+
+#include "daemon/OrvLog.h"
+#include "policy/OrvActionDB.h"
+
+OrvActionManager::OrvActionManager() : mDB(nullptr), mNewDB(nullptr) {
+    pthread_mutex_init(&mDBLock, nullptr);
+    pthread_mutex_init(&mUpdateLock, nullptr);
+    ORV_LOGD("constructor called");
+}
+
+OrvActionManager::~OrvActionManager() {
+    ORV_LOGD("destructor called");
+    delete mDB;
+    delete mNewDB;
+    pthread_mutex_destroy(&mDBLock);
+    pthread_mutex_destroy(&mUpdateLock);
+}
+
+static void logAction(OrvActionManager::OrvAction* action) {
+    if (!OrvLogIsEnabled()) return;
+    ALOGD("%s from[%s, %d, %d, %s] to[%s, %d, %d, %s] event[%s]", action->getName(),
+          action->mFromAppName.c_str(), action->mFromPid, action->mFromGLTid,
+          action->mFromStateName ? action->mFromStateName : "", action->mToAppName.c_str(),
+          action->mToPid, action->mToGLTid, action->mToStateName ? action->mToStateName : "",
+          action->mEventName ? action->mEventName : "");
+}
+
+// mDB is read without mDBLock here: only this thread replaces it, in checkUpdateDB.
+void OrvActionManager::executeAppChangeAction(OrvAction* action) {
+    if (mDB == nullptr) {
+        ALOGE("executeAppChangeAction failed: No ActionDB");
+        return;
+    }
+    logAction(action);
+    mDB->executeOnExitAction(action);
+    if (action->mFromStateName == nullptr || strcmp(action->mFromStateName, "reset") != 0) {
+        mDB->executeDefaultResetAction(action);
+    }
+    // A prepared database takes over between the old application's exit and the new one's entry.
+    checkUpdateDB();
+    mDB->executeOnEnterAction(action);
+    mDB->executePolicyAction(action);
+}
+
+void OrvActionManager::executeStateChangeAction(OrvAction* action) {
+    if (mDB == nullptr) {
+        ALOGE("executeStateChangeAction failed: No ActionDB");
+        return;
+    }
+    logAction(action);
+    mDB->executeOnExitAction(action);
+    mDB->executeOnEnterAction(action);
+    mDB->executePolicyAction(action);
+}
+
+void OrvActionManager::checkUpdateDB() {
+    pthread_mutex_lock(&mUpdateLock);
+    pthread_mutex_lock(&mDBLock);
+    if (mNewDB != nullptr) {
+        delete mDB;
+        mDB = mNewDB;
+        mNewDB = nullptr;
+        ALOGI("DB updated");
+    }
+    pthread_mutex_unlock(&mDBLock);
+    pthread_mutex_unlock(&mUpdateLock);
+}
+
+bool OrvActionManager::findApp(const char* appName) {
+    pthread_mutex_lock(&mDBLock);
+    bool found = false;
+    if (mDB == nullptr) {
+        ALOGE("no DB exists");
+    } else {
+        found = mDB->findApp(appName);
+    }
+    pthread_mutex_unlock(&mDBLock);
+    return found;
+}
+
+bool OrvActionManager::findAppParam(const char* appName, const char* paramName, std::string& out) {
+    pthread_mutex_lock(&mDBLock);
+    bool found = false;
+    if (mDB == nullptr) {
+        ALOGE("no DB exists");
+    } else {
+        found = mDB->findAppParam(appName, paramName, out);
+    }
+    pthread_mutex_unlock(&mDBLock);
+    return found;
+}
+
+void OrvActionManager::dumpState(std::string& out) {
+    pthread_mutex_lock(&mDBLock);
+    std::string text = "[ActionManager]\n";
+    if (mDB != nullptr) {
+        mDB->dumpState(text);
+    } else {
+        text += "  PolicyDB: failed to load\n";
+    }
+    out = text;
+    pthread_mutex_unlock(&mDBLock);
+}

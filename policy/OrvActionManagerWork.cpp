@@ -1,0 +1,183 @@
+#define LOG_TAG "OrvActionManager"
+#include <stdlib.h>
+
+#include "daemon/OrvDevicePath.h"
+#include "daemon/OrvLog.h"
+#include "policy/OrvActionManager.h"
+#include "policy/OrvJsonActionDB.h"
+
+static const char* const POLICY_DB_FILE = "/data/orvpolicy";
+static const char* const POLICY_DB_FILE_BUILTIN = "/system/etc/orvpolicy";
+
+static const char* orEmpty(const char* text) {
+    return text ? text : "";
+}
+
+OrvActionManager::OrvAction::OrvAction(const char* fromApp, int fromPid, int fromGLTid,
+                                       const char* fromState, const char* toApp, int toPid,
+                                       int toGLTid, const char* toState)
+    : OrvWork("APP-SWITCH", true),
+      mFromAppName(orEmpty(fromApp)),
+      mFromPid(fromPid),
+      mFromGLTid(fromGLTid),
+      mFromStateName(fromState),
+      mToAppName(orEmpty(toApp)),
+      mToPid(toPid),
+      mToGLTid(toGLTid),
+      mToStateName(toState),
+      mEventName("") {}
+
+OrvActionManager::OrvAction::OrvAction(const char* fromState, const char* toState, const char* app,
+                                       int pid, int glTid)
+    : OrvWork("STATE-CHANGE", true),
+      mFromAppName(orEmpty(app)),
+      mFromPid(pid),
+      mFromGLTid(glTid),
+      mFromStateName(fromState),
+      mToAppName(orEmpty(app)),
+      mToPid(pid),
+      mToGLTid(glTid),
+      mToStateName(toState),
+      mEventName("") {}
+
+OrvActionManager::OrvAction::OrvAction(const char* app, const char* state, int pid, int glTid,
+                                       const char* event)
+    : OrvWork("EVENT", true),
+      mFromAppName(orEmpty(app)),
+      mFromPid(pid),
+      mFromGLTid(glTid),
+      mFromStateName(state),
+      mToAppName(orEmpty(app)),
+      mToPid(pid),
+      mToGLTid(glTid),
+      mToStateName(state),
+      mEventName(event) {}
+
+void OrvActionManager::OrvAction::send(OrvActionManager* manager) {
+    if (manager == nullptr) {
+        ALOGE("send %s failed: No target ActionManager", getName());
+        return;
+    }
+    mActionManager = manager;
+    manager->mActionQueue.push_back(this);
+}
+
+void OrvActionManager::OrvAppChangeAction::execute() {
+    if (mActionManager == nullptr) {
+        ALOGE("OrvAppChangeAction execute failed: No ActionManager");
+        return;
+    }
+    mActionManager->executeAppChangeAction(this);
+}
+
+void OrvActionManager::OrvStateChangeAction::execute() {
+    if (mActionManager == nullptr) {
+        ALOGE("OrvStateChangeAction execute failed: No ActionManager");
+        return;
+    }
+    mActionManager->executeStateChangeAction(this);
+}
+
+OrvActionManager::OrvPrepareDBUpdateWork::OrvPrepareDBUpdateWork(const char* path)
+    : OrvWork("DB-UPDATE", true), mPath(orEmpty(path)) {}
+
+// Single-quotes `text` for sh: nothing inside is expanded, and each ' is closed, escaped and
+// reopened, so any bytes stay one word.
+static std::string shellQuote(const std::string& text) {
+    std::string out = "'";
+    for (char c : text) {
+        if (c == '\'') {
+            out += "'\\''";
+        } else {
+            out += c;
+        }
+    }
+    out += "'";
+    return out;
+}
+
+void OrvActionManager::OrvPrepareDBUpdateWork::execute() {
+    ALOGI("prepare UpdateDB...");
+    OrvActionManager* manager = mActionManager;
+    if (manager == nullptr) {
+        ALOGE("execute %s failed: No target ActionManager", getName());
+        return;
+    }
+    pthread_mutex_lock(&manager->mUpdateLock);
+    OrvActionDB* db = manager->loadDBFromfile(mPath.c_str());
+    if (db == nullptr) {
+        ALOGE("load new DB %s failed)", mPath.c_str());
+    } else {
+        delete manager->mNewDB;
+        manager->mNewDB = db;
+        ALOGI("new DB %s is prepared to update)", mPath.c_str());
+        std::string target = OrvDevicePath(POLICY_DB_FILE);
+        // "--" keeps a path that starts with "-" from being read as an option.
+        std::string command = "mv -- " + shellQuote(mPath) + " " + shellQuote(target);
+        if (system(command.c_str()) == -1) {
+            ALOGE("failed to replace new policy file to %s", target.c_str());
+        }
+    }
+    pthread_mutex_unlock(&manager->mUpdateLock);
+}
+
+OrvActionDB* OrvActionManager::loadDBFromfile(const char* path) {
+    OrvActionDB* db = OrvJsonActionDB::createDB(path, false);
+    if (db == nullptr) db = OrvJsonActionDB::createDB(path, true);
+    if (db == nullptr) return nullptr;
+
+    float minParser = db->getDBMinSupportParserVersion();
+    float parser = db->getParserVersion();
+    ALOGI("minSupportedParserVersion:%.2f, ParserVersion:%.2f", minParser, parser);
+    if (minParser > parser) {
+        ALOGE("Parser Version is too old");
+        delete db;
+        return nullptr;
+    }
+    // Callers hold mUpdateLock (or run before the action thread starts), so mDB stays put.
+    float current = mDB ? mDB->getDBVersion() : 0.0f;
+    float loaded = db->getDBVersion();
+    ALOGI("curDBVersion:%.2f, loadDBVersion:%.2f", current, loaded);
+    if (current >= loaded) {
+        ALOGE("DB Version is too old");
+        delete db;
+        return nullptr;
+    }
+    return db;
+}
+
+bool OrvActionManager::init() {
+    if (mDB != nullptr) {
+        ALOGW("db already load");
+    } else {
+        std::string path = OrvDevicePath(POLICY_DB_FILE);
+        mDB = loadDBFromfile(path.c_str());
+        if (mDB == nullptr) {
+            path = OrvDevicePath(POLICY_DB_FILE_BUILTIN);
+            mDB = loadDBFromfile(path.c_str());
+        }
+        if (mDB == nullptr) {
+            ALOGI("failed to load DB");
+            return false;
+        }
+        ALOGI("DB load (%s)", path.c_str());
+    }
+    if (mDB == nullptr) {
+        ALOGW("no DB loaded");
+        mActionQueue.start();
+        return true;
+    }
+    mDB->executePolicyReset();
+    mActionQueue.start();
+    return true;
+}
+
+void OrvActionManager::prepareUpdateDB(const char* path) {
+    OrvPrepareDBUpdateWork* work = new OrvPrepareDBUpdateWork(path);
+    work->mActionManager = this;
+    mUpdateQueue.push_back(work);
+}
+
+void OrvActionManager::waitDBUpdate() {
+    mUpdateQueue.run();
+}

@@ -1,0 +1,229 @@
+#define LOG_TAG "OrvActionManager"
+#include "policy/OrvJsonActionDB.h"
+
+#include <stdio.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+
+#include "crypto/OrvSecurityUtil.h"
+#include "daemon/OrvDevicePath.h"
+#include "daemon/OrvLog.h"
+
+static const char* const PARSER_VERSION = "v1.0";
+static const char* const INTERMEDIATE_FILE = "/data/___orvtemp";
+// JsonCpp's reader gives up on deeper documents by throwing; refuse them before it sees them.
+static const int MAX_NESTING = 900;
+
+OrvJsonActionDB::OrvJsonActionDB(Json::Value* root, bool encrypted)
+    : OrvActionDB(encrypted), mRoot(root) {
+    pthread_mutex_init(&mDocLock, nullptr);
+    if (OrvLogIsEnabled()) {
+        ALOGD("OrvJsonActionDB constructor called (ver:%s, parser:%s)",
+              memberText("version", "unknown").c_str(), memberText("parser", "unknown").c_str());
+    }
+}
+
+OrvJsonActionDB::~OrvJsonActionDB() {
+    ORV_LOGD("OrvJsonActionDB destructor called");
+    delete mRoot;
+    pthread_mutex_destroy(&mDocLock);
+}
+
+// Depth of brackets outside strings and comments, as far as the reader would see them.
+static bool nestingWithinLimit(const std::string& text) {
+    int depth = 0;
+    size_t i = 0;
+    const size_t n = text.size();
+    while (i < n) {
+        char c = text[i];
+        if (c == '"') {
+            for (++i; i < n && text[i] != '"'; ++i) {
+                if (text[i] == '\\') ++i;
+            }
+        } else if (c == '/' && i + 1 < n && text[i + 1] == '*') {
+            size_t end = text.find("*/", i + 2);
+            i = end == std::string::npos ? n : end + 1;
+        } else if (c == '/' && i + 1 < n && text[i + 1] == '/') {
+            size_t end = text.find('\n', i + 2);
+            i = end == std::string::npos ? n : end;
+        } else if (c == '[' || c == '{') {
+            if (++depth > MAX_NESTING) return false;
+        } else if (c == ']' || c == '}') {
+            --depth;
+        }
+        ++i;
+    }
+    return true;
+}
+
+OrvJsonActionDB* OrvJsonActionDB::createDB(const char* path, bool encrypted) {
+    if (path == nullptr) path = "";
+    std::string intermediate = OrvDevicePath(INTERMEDIATE_FILE);
+    std::string readPath = path;
+    if (encrypted) {
+        if (!OrvSecurityUtil::decrypt(path, intermediate.c_str())) {
+            ALOGE("decrypt DB %s failed", path);
+            return nullptr;
+        }
+        ORV_LOGD("decrypt DB %s success", path);
+        readPath = intermediate;
+    }
+    std::ifstream in(readPath.c_str(), std::ios::in | std::ios::binary);
+    if (!in.good()) {
+        ALOGE("%s is not good", path);
+        return nullptr;
+    }
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const char* stage = encrypted ? "after decrypt" : "before decrypt";
+    if (!nestingWithinLimit(text)) {
+        ALOGE("Failed to parse %s %s:\n%s", path, stage, "* Nesting too deep\n");
+        return nullptr;
+    }
+    Json::Value* root = new Json::Value();
+    Json::Reader reader;
+    if (!reader.parse(text, *root, true)) {
+        ALOGE("Failed to parse %s %s:\n%s", path, stage, reader.getFormattedErrorMessages().c_str());
+        delete root;
+        return nullptr;
+    }
+    OrvJsonActionDB* db = new OrvJsonActionDB(root, encrypted);
+    if (encrypted) unlink(intermediate.c_str());
+    return db;
+}
+
+Json::Value* OrvJsonActionDB::lookup(std::initializer_list<const char*> keys) {
+    if (mRoot == nullptr) return nullptr;
+    Json::Value* cur = mRoot;
+    size_t depth = 0;
+    bool bad = false;
+    pthread_mutex_lock(&mDocLock);
+    for (const char* key : keys) {
+        if (!cur->isNull() && !cur->isObject()) {
+            bad = true;
+            break;
+        }
+        cur = &(*cur)[key ? key : ""];
+        ++depth;
+    }
+    pthread_mutex_unlock(&mDocLock);
+    if (!bad) return cur;
+    std::string where;
+    size_t i = 0;
+    for (const char* key : keys) {
+        if (i++ == depth) break;
+        if (!where.empty()) where += ".";
+        where += key ? key : "";
+    }
+    ALOGE("Invalid policy DB: %s is not an object", where.empty() ? "(root)" : where.c_str());
+    return nullptr;
+}
+
+std::string OrvJsonActionDB::memberText(const char* key, const char* absent) {
+    Json::Value* v = lookup({key});
+    if (v == nullptr || v->isNull()) return absent;
+    if (!v->isString()) {
+        ALOGE("Invalid policy DB: %s is not text", key);
+        return absent;
+    }
+    return v->asString();
+}
+
+float OrvJsonActionDB::parseVersion(const char* text) {
+    float value = 0.0f;
+    if (text == nullptr || sscanf(text, " %*c%f", &value) != 1) return 0.0f;
+    return value;
+}
+
+float OrvJsonActionDB::getParserVersion() {
+    return parseVersion(PARSER_VERSION);
+}
+
+const char* OrvJsonActionDB::getParserVersionString() {
+    return PARSER_VERSION;
+}
+
+float OrvJsonActionDB::getDBVersion() {
+    return parseVersion(memberText("version", "v-1").c_str());
+}
+
+std::string OrvJsonActionDB::getDBVersionString() {
+    return memberText("version", "unknown");
+}
+
+float OrvJsonActionDB::getDBMinSupportParserVersion() {
+    return parseVersion(memberText("parser", "v999999").c_str());
+}
+
+std::string OrvJsonActionDB::getDBMinSupportParserVersionString() {
+    return memberText("parser", "unknown");
+}
+
+bool OrvJsonActionDB::findApp(const char* appName) {
+    if (appName == nullptr) {
+        ALOGE("no appName");
+        return false;
+    }
+    if (mRoot == nullptr) return false;
+    Json::Value* app = lookup({"applications", appName});
+    return app != nullptr && !app->isNull();
+}
+
+bool OrvJsonActionDB::findAppParam(const char* appName, const char* paramName, std::string& out) {
+    if (appName == nullptr || paramName == nullptr) {
+        ALOGE("no appName or paramName");
+        return false;
+    }
+    if (mRoot == nullptr || !findApp(appName)) return false;
+    Json::Value* param = lookup({"applications", appName, "param", paramName});
+    if (param == nullptr) return false;  // the way there is malformed, and logged
+    if (!param->isNull()) {
+        if (!param->isArray() && !param->isObject()) {
+            out = param->asString();
+            return true;
+        }
+        ALOGE("Invalid policy DB: applications.%s.param.%s is not text", appName, paramName);
+    }
+    Json::Value* ref = lookup({"applications", appName, "param", "reference"});
+    if (ref == nullptr || ref->isNull()) return false;
+    if (!ref->isString()) {
+        ALOGE("Invalid policy DB: applications.%s.param.reference is not text", appName);
+        return false;
+    }
+    std::string refName = ref->asString();
+    return findAppParam(refName.c_str(), paramName, out);
+}
+
+Json::Value* OrvJsonActionDB::getActionSet(const char* appName, const char* stateName,
+                                           const char* key, Json::Value** referenceOut) {
+    std::string app = appName ? appName : "";
+    for (;;) {
+        Json::Value* set = lookup({"applications", app.c_str(), "action", stateName, key});
+        if (set != nullptr && !set->isNull()) return set;
+        Json::Value* ref = lookup({"applications", app.c_str(), "action", "reference"});
+        if (ref == nullptr || ref->isNull()) {
+            if (referenceOut) *referenceOut = nullptr;
+            return nullptr;
+        }
+        if (!ref->isString()) {
+            ALOGE("Invalid policy DB: applications.%s.action.reference is not text", app.c_str());
+            if (referenceOut) *referenceOut = nullptr;
+            return nullptr;
+        }
+        if (referenceOut) *referenceOut = ref;
+        app = ref->asString();
+    }
+}
+
+void OrvJsonActionDB::dumpState(std::string& out) {
+    out += "   Action parser   : ";
+    out += getParserVersionString();
+    out += "\n   PolicyDB version: " + getDBVersionString();
+    out += "\n   PolicyDB parser version: " + getDBMinSupportParserVersionString();
+    out += "\n   PolicyDB Encrypted : ";
+    out += mEncrypted ? "1" : "0";
+    out += "\n   Last Done Action Set: " + getLastActionSet();
+    out += "\n   Current Action Set  : " + getCurActionInfoStr();
+    out += "\n";
+}

@@ -1,0 +1,85 @@
+#pragma once
+#include <json/json.h>
+#include <pthread.h>
+
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "policy/OrvActionDB.h"
+
+class OrvIoctlCfg;
+
+// The policy database read from one JSON document.
+class OrvJsonActionDB : public OrvActionDB {
+public:
+    enum ActionDir {
+        ACTION_DIR_NONE = -1,
+        ACTION_DIR_EXIT = 0,
+        ACTION_DIR_ENTER = 1,
+    };
+
+    // Takes ownership of `root`.
+    OrvJsonActionDB(Json::Value* root, bool encrypted);
+    ~OrvJsonActionDB() override;
+
+    // Reads (and for `encrypted`, first decrypts) a policy file; null on failure.
+    static OrvJsonActionDB* createDB(const char* path, bool encrypted);
+
+    bool findApp(const char* appName) override;
+    bool findAppParam(const char* appName, const char* paramName, std::string& out) override;
+    void executePolicyReset() override;
+    int executeStateChangeAction(OrvAction* action) override;
+    int executeAppChangeAction(OrvAction* action) override;
+    int executeEventAction(OrvAction* action) override;
+    int executeOnEnterAction(OrvAction* action) override;
+    int executeOnExitAction(OrvAction* action) override;
+    int executePolicyAction(OrvAction* action) override;
+    int executeDefaultResetAction(OrvAction* action) override;
+    void dumpState(std::string& out) override;
+    float getParserVersion() override;
+    const char* getParserVersionString() override;
+    float getDBVersion() override;
+    std::string getDBVersionString() override;
+    float getDBMinSupportParserVersion() override;
+    std::string getDBMinSupportParserVersionString() override;
+
+    // Follows "action" → "reference" until a set is found; null when none. `referenceOut` names
+    // the application the set was taken from when it was not `appName` itself.
+    Json::Value* getActionSet(const char* appName, const char* stateName, const char* key,
+                              Json::Value** referenceOut);
+
+    int doActions(Json::Value& set, OrvAction* action, ActionDir dir);
+    int doAction(Json::Value& methodObject, OrvAction* action);
+    void doGroupAction(Json::Value& methodObject, OrvAction* action);
+
+    int getValueStringByType(const Json::Value& methodObject, OrvAction* action, std::string& out);
+    int getValueIntByType(const Json::Value& methodObject, OrvAction* action, int& out);
+    int getValueByteArrayByType(const Json::Value& methodObject, OrvAction* action,
+                                std::vector<unsigned char>& out);
+
+    void doXfsAction(Json::Value& methodObject, OrvAction* action);
+    void doSetPropAction(Json::Value& methodObject, OrvAction* action);
+    void doProgramAction(Json::Value& methodObject, OrvAction* action);
+    void doIoctlAction(Json::Value& methodObject, OrvAction* action);
+    void doOrvIoctlAction(Json::Value& methodObject, OrvAction* action);
+    int getIoctlCfg(const Json::Value& methodObject, const char* key, OrvIoctlCfg& cfg);
+
+    // "v1.5" gives 1.5; the first character is always taken as the prefix.
+    static float parseVersion(const char* text);
+
+private:
+    // Walks members from the document root with the inserting operator[], under mDocLock. Null
+    // (and one error line) when a node on the way is neither an object nor null.
+    Json::Value* lookup(std::initializer_list<const char*> keys);
+    std::string memberText(const char* key, const char* absent);
+    int runKeyedAction(OrvAction* action, const char* app, const char* state, const char* key,
+                       ActionDir dir, const char* noDocError);
+    void runSequenceSet(OrvAction* action, const char* app, const char* state, const char* key,
+                        ActionDir dir);
+    int stringOfValue(const Json::Value& valueObject, OrvAction* action, std::string& out);
+
+    Json::Value* mRoot;
+    // Lookups grow the document; the listener's queries and the action thread both look up.
+    pthread_mutex_t mDocLock;
+};

@@ -1,0 +1,183 @@
+#define LOG_TAG "OrvActionManager"
+#include <cutils/properties.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "daemon/OrvLog.h"
+#include "policy/OrvActionDB.h"
+#include "policy/methods/OrvIoctlCfg.h"
+
+int OrvActionDB::getSystemProperty(const char* name, std::string& out) {
+    char value[PROPERTY_VALUE_MAX + 1] = {};
+    int ret = property_get(name, value, nullptr);
+    if (ret < 1) {
+        ALOGE("failed to get system property %s or value is .(ret = %d) @%s", name, ret,
+              getCurActionInfoStr().c_str());
+        out.clear();
+        return -1;
+    }
+    if (OrvLogIsEnabled()) {
+        ALOGD("property_get(%s):%s.(ret = %d) @%s", name, value, ret, getCurActionInfoStr().c_str());
+    }
+    out = value;
+    return 0;
+}
+
+void OrvActionDB::setSystemProperty(const char* name, const char* value) {
+    int ret = property_set(name, value);
+    if (ret < 0) {
+        ALOGE("failed to set system property %s:%s.(ret=%d) @%s", name, value, ret,
+              getCurActionInfoStr().c_str());
+    } else if (OrvLogIsEnabled()) {
+        ALOGD("property_set(%s,%s) (ret:%d) @%s", name, value, ret, getCurActionInfoStr().c_str());
+    }
+}
+
+int OrvActionDB::readFile(const char* path, char* buffer, int capacity) {
+    if (capacity < 2) return -1;
+    int fd = open(path, O_RDONLY);
+    if (fd < 0) return -1;
+    ssize_t n = read(fd, buffer, capacity - 1);
+    if (n <= 0) {
+        close(fd);
+        return -1;
+    }
+    buffer[n] = '\0';
+    if (buffer[n - 1] == '\n') {
+        buffer[--n] = '\0';
+    }
+    close(fd);
+    return static_cast<int>(n);
+}
+
+int OrvActionDB::readFile(const char* path, std::string& out) {
+    char buffer[256];
+    int n = readFile(path, buffer, sizeof(buffer));
+    if (n < 1) {
+        out.clear();
+        return -1;
+    }
+    out.assign(buffer, n);
+    return 0;
+}
+
+int OrvActionDB::writeFile(const char* path, const char* text) {
+    int fd = open(path, O_WRONLY, 0622);
+    if (fd < 0) {
+        int err = errno;
+        ALOGE("cannot open \"%s\" (errno=%d) @%s", path, err, getCurActionInfoStr().c_str());
+        return -err;
+    }
+    size_t len = strlen(text);
+    ssize_t n;
+    do {
+        n = write(fd, text, len);
+    } while (n < 0 && errno == EINTR);
+    int err = errno;
+    close(fd);
+    if (n >= 0) return 0;
+    ALOGE("write \"%s\" failed (errno=%d) @%s", path, err, getCurActionInfoStr().c_str());
+    return -1;
+}
+
+void OrvActionDB::shell(const char* program, const char* arguments) {
+    std::string command = std::string(program) + " " + arguments;
+    int ret = system(command.c_str());
+    if (ret == -1) {
+        ALOGE("system(\"%s\") failed @%s", command.c_str(), getCurActionInfoStr().c_str());
+    } else if (ret != 0) {
+        ALOGW("system(\"%s\") return:%d @%s", command.c_str(), ret, getCurActionInfoStr().c_str());
+    }
+}
+
+// The descriptors below stay open: every execution opens the node afresh, as drivers expect.
+int OrvActionDB::writeIoctl(const char* path, OrvIoctlCfg& cfg, void* arg) {
+    int fd = open(path, O_RDWR);
+    if (fd < 0) {
+        int err = errno;
+        ALOGE("Cannot open \"%s\"(errno=%d) @%s", path, err, getCurActionInfoStr().c_str());
+        return -err;
+    }
+    // Fields go in unmasked: out-of-range values spill into neighbouring bits on purpose.
+    uint32_t base = (static_cast<uint32_t>(cfg.type) << 8) | static_cast<uint32_t>(cfg.nr);
+    uint32_t sized = (static_cast<uint32_t>(cfg.size) << 16) | base;
+    uint32_t request;
+    switch (cfg.dir) {
+        case 0:
+            request = base;
+            break;
+        case 1:
+            request = 0x40000000u | sized;
+            break;
+        case 2:
+            request = 0x80000000u | sized;
+            break;
+        case 3:
+            request = 0xC0000000u | sized;
+            break;
+        default:
+            ALOGE("Invalid ioctl dir(%d) @%s", cfg.dir, getCurActionInfoStr().c_str());
+            return 1;
+    }
+    int ret = ioctl(fd, request, arg);
+    int err = errno;
+    ORV_LOGD("ioctl return = %d @%s", ret, getCurActionInfoStr().c_str());
+    if (ret < 0) {
+        ALOGE("ioctl{path:%s dir:%d type:%d nr:%d size:%d param_type:%s} (ret=%d, errno=%d) @%s",
+              path, cfg.dir, cfg.type, cfg.nr, cfg.size, cfg.param_type.c_str(), ret, err,
+              getCurActionInfoStr().c_str());
+        return -ret;
+    }
+    return 0;
+}
+
+void OrvActionDB::writeOrvIoctl(const char* path, int cmd, const char* value) {
+    int fd = open(path, O_RDWR);
+    if (fd < 0) {
+        int err = errno;
+        ALOGE("cannot open \"%s\" (errno=%d) @%s", path, err, getCurActionInfoStr().c_str());
+        return;
+    }
+    uint32_t request = 0x40047800u | static_cast<uint32_t>(cmd);
+    int ret = ioctl(fd, request, value);
+    int err = errno;
+    ORV_LOGD("ioctl return = %d @%s", ret, getCurActionInfoStr().c_str());
+    if (ret < 0) {
+        ALOGE("orv_ioctl{path:%s cmd:%d value:%s} (ret=%d, errno=%d) @%s", path, cmd, value, ret,
+              err, getCurActionInfoStr().c_str());
+    }
+}
+
+int OrvActionDB::getVarString(OrvAction* action, const char* name, std::string& out) {
+    if (action == nullptr || name == nullptr) return -1;
+    int id;
+    if (strcmp(name, "PID") == 0) {
+        id = action->mToPid;
+    } else if (strcmp(name, "GLTID") == 0) {
+        id = action->mToGLTid;
+    } else if (strcmp(name, "EXIT_GLTID") == 0) {
+        id = action->mFromGLTid;
+    } else if (strcmp(name, "EXIT_PID") == 0) {
+        id = action->mFromPid;
+    } else {
+        ALOGE("Unknown var(%s) @%s", name, getCurActionInfoStr().c_str());
+        return -1;
+    }
+    if (id < 0) return -1;
+    out = std::to_string(id);
+    return 0;
+}
+
+int OrvActionDB::getMethodType(const char* method) {
+    static const char* const kNames[] = {"xfs", "orv_ioctl", "ioctl", "prop", "program", "group"};
+    if (method == nullptr) return METHOD_UNKNOWN;
+    for (int i = 0; i < METHOD_UNKNOWN; ++i) {
+        if (strcmp(method, kNames[i]) == 0) return i;
+    }
+    return METHOD_UNKNOWN;
+}

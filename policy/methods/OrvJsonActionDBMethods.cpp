@@ -1,0 +1,195 @@
+#define LOG_TAG "OrvActionManager"
+#include "daemon/OrvLog.h"
+#include "policy/OrvJsonActionDB.h"
+#include "policy/methods/OrvIoctlCfg.h"
+
+static const Json::Value& member(const Json::Value& object, const char* key) {
+    static const Json::Value kNull;
+    return object.isObject() ? object[key] : kNull;
+}
+
+void OrvJsonActionDB::doXfsAction(Json::Value& methodObject, OrvAction* action) {
+    const Json::Value& path = member(methodObject, "path");
+    if (!path.isString()) {
+        ALOGE("path type is not a string. (fetch %s)", getCurActionInfoStr().c_str());
+        return;
+    }
+    std::string value;
+    if (getValueStringByType(methodObject, action, value) != 0) return;
+    if (OrvLogIsEnabled()) {
+        ALOGD("exe   %s:{path:%s value:%s}", getCurActionInfoStr().c_str(), path.asCString(),
+              value.c_str());
+    }
+    writeFile(path.asCString(), value.c_str());
+}
+
+void OrvJsonActionDB::doSetPropAction(Json::Value& methodObject, OrvAction* action) {
+    const Json::Value& path = member(methodObject, "path");
+    if (!path.isString()) {
+        ALOGE("path type is not a string. (fetch %s)", getCurActionInfoStr().c_str());
+        return;
+    }
+    std::string value;
+    if (getValueStringByType(methodObject, action, value) != 0) return;
+    if (OrvLogIsEnabled()) {
+        ALOGD("exe   %s:{path:%s value:%s}", getCurActionInfoStr().c_str(), path.asCString(),
+              value.c_str());
+    }
+    setSystemProperty(path.asCString(), value.c_str());
+}
+
+void OrvJsonActionDB::doProgramAction(Json::Value& methodObject, OrvAction* action) {
+    const Json::Value& path = member(methodObject, "path");
+    if (!path.isString()) {
+        ALOGE("path type is not a string. (fetch %s)", getCurActionInfoStr().c_str());
+        return;
+    }
+    std::string value;
+    if (getValueStringByType(methodObject, action, value) != 0) return;
+    if (OrvLogIsEnabled()) {
+        ALOGD("exe   %s:{path:%s value:%s}", getCurActionInfoStr().c_str(), path.asCString(),
+              value.c_str());
+    }
+    shell(path.asCString(), value.c_str());
+}
+
+int OrvJsonActionDB::getIoctlCfg(const Json::Value& methodObject, const char* key,
+                                 OrvIoctlCfg& cfg) {
+    const Json::Value& object = member(methodObject, key);
+    if (object.isNull()) {
+        ALOGE("Cannot find %s @%s", key, getCurActionInfoStr().c_str());
+        return -1;
+    }
+    if (!object.isObject()) {
+        ALOGE("\"%s\" is not an object @%s", key, getCurActionInfoStr().c_str());
+        return -1;
+    }
+    const Json::Value& dir = object["dir"];
+    if (!dir.isString()) {
+        ALOGE("\"%s \" should be a string in %s @%s", "dir", key, getCurActionInfoStr().c_str());
+        return -1;
+    }
+    if (!cfg.setDir(dir.asCString())) {
+        ALOGE("Unknown \"%s\" type(%s) in %s @%s", "dir", dir.asCString(), key,
+              getCurActionInfoStr().c_str());
+        return -1;
+    }
+    const Json::Value& type = object["type"];
+    if (!type.isString()) {
+        ALOGE("\"%s \" should be a string in %s @%s", "type", key, getCurActionInfoStr().c_str());
+        return -1;
+    }
+    if (!cfg.setType(type.asCString())) {
+        ALOGE("Unknown \"%s\" format(%s) in %s. @%s", "type", type.asCString(), key,
+              getCurActionInfoStr().c_str());
+        return -1;
+    }
+    const Json::Value& nr = object["nr"];
+    if (!nr.isInt()) {
+        ALOGE("\"%s \" should be an int in %s. (fetch %s)", "nr", key,
+              getCurActionInfoStr().c_str());
+        return -1;
+    }
+    cfg.nr = nr.asInt();
+    if (object["size"].isInt()) cfg.size = object["size"].asInt();
+    if (object["bufsize"].isInt()) cfg.bufsize = object["bufsize"].asInt();
+    if (object["read_select"].isInt()) cfg.read_select = object["read_select"].asInt();
+    if (object["param_type"].isString()) cfg.param_type = object["param_type"].asString();
+    return 0;
+}
+
+void OrvJsonActionDB::doIoctlAction(Json::Value& methodObject, OrvAction* action) {
+    const Json::Value& pathValue = member(methodObject, "path");
+    if (!pathValue.isString()) {
+        ALOGE("path type is not a string. (fetch %s)", getCurActionInfoStr().c_str());
+        return;
+    }
+    const char* path = pathValue.asCString();
+    OrvIoctlCfg cfg;
+    if (getIoctlCfg(methodObject, "method_ioctl_cfg", cfg) != 0) return;
+
+    if (cfg.dir == 0) {
+        if (OrvLogIsEnabled()) {
+            ALOGD("exe   %s:{path:%s dir:%d type:%d nr:%d size:%d param_type:%s}",
+                  getCurActionInfoStr().c_str(), path, cfg.dir, cfg.type, cfg.nr, cfg.size,
+                  cfg.param_type.c_str());
+        }
+        writeIoctl(path, cfg, nullptr);
+        return;
+    }
+    // A read-only request is never issued by this method.
+    if (cfg.dir != 1 && cfg.dir != 3) return;
+
+    const char kind = cfg.param_type.empty() ? '\0' : cfg.param_type[0];
+    if (kind == 's') {
+        std::string text;
+        if (getValueStringByType(methodObject, action, text) != 0) return;
+        if (OrvLogIsEnabled()) {
+            ALOGD("exe   %s:{path:%s dir:%d type:%d nr:%d size:%d param_type:%s value:%s}",
+                  getCurActionInfoStr().c_str(), path, cfg.dir, cfg.type, cfg.nr, cfg.size,
+                  cfg.param_type.c_str(), text.c_str());
+        }
+        writeIoctl(path, cfg, &text[0]);
+    } else if (kind == 'i') {
+        int value = 0;
+        if (getValueIntByType(methodObject, action, value) != 0) return;
+        if (cfg.size != static_cast<int>(sizeof(value))) {
+            ALOGE("\"size\"(%d) in method_ioctl_cfg doesn't match \"value\" size(%d). (fetch %s)",
+                  cfg.size, static_cast<int>(sizeof(value)), getCurActionInfoStr().c_str());
+            return;
+        }
+        if (OrvLogIsEnabled()) {
+            ALOGD("exe  %s:{path:%s dir:%d type:%d nr:%d size:%d param_type:%s value:%d}",
+                  getCurActionInfoStr().c_str(), path, cfg.dir, cfg.type, cfg.nr, cfg.size,
+                  cfg.param_type.c_str(), value);
+        }
+        writeIoctl(path, cfg, &value);
+    } else if (kind == 'b') {
+        std::vector<unsigned char> bytes;
+        if (getValueByteArrayByType(methodObject, action, bytes) != 0) return;
+        int count = static_cast<int>(bytes.size());
+        if (cfg.size != count) {
+            ALOGE("\"size\"(%d) in method_ioctl_cfg doesn't match \"value\" size(%d). (fetch %s)",
+                  cfg.size, count, getCurActionInfoStr().c_str());
+            return;
+        }
+        if (OrvLogIsEnabled()) {
+            ALOGD(
+                "exe   %s:{path:%s dir:%d type:%d nr:%d size:%d param_type:%s "
+                "value:%02x...%02x value.size=%d}",
+                getCurActionInfoStr().c_str(), path, cfg.dir, cfg.type, cfg.nr, cfg.size,
+                cfg.param_type.c_str(), bytes.empty() ? 0 : bytes.front(),
+                bytes.empty() ? 0 : bytes.back(), count);
+        }
+        writeIoctl(path, cfg, bytes.data());
+    } else {
+        ALOGE("Unsupported ioctl param_type(%s) in method_ioctl_cfg. (fetch %s)",
+              cfg.param_type.c_str(), getCurActionInfoStr().c_str());
+    }
+}
+
+void OrvJsonActionDB::doOrvIoctlAction(Json::Value& methodObject, OrvAction* /*action*/) {
+    const Json::Value& cmdValue = member(methodObject, "cmd");
+    int cmd = 0;
+    if (cmdValue.isInt()) {
+        cmd = cmdValue.asInt();
+    } else if (!cmdValue.isNull()) {
+        // Taken as absent, like a missing "cmd".
+        ALOGE("\"cmd\" is not an int, 0 is used @%s", getCurActionInfoStr().c_str());
+    }
+    const Json::Value& path = member(methodObject, "path");
+    if (!path.isString()) {
+        ALOGE("path type is not a string. (fetch %s)", getCurActionInfoStr().c_str());
+        return;
+    }
+    const Json::Value& value = member(methodObject, "value");
+    if (!value.isString()) {
+        ALOGE("value type is not string (%s)", getCurActionInfoStr().c_str());
+        return;
+    }
+    if (OrvLogIsEnabled()) {
+        ALOGD("exe   %s:{path:%s cmd:%d value:%s}", getCurActionInfoStr().c_str(), path.asCString(),
+              cmd, value.asCString());
+    }
+    writeOrvIoctl(path.asCString(), cmd, value.asCString());
+}
