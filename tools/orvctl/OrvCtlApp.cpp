@@ -1,0 +1,163 @@
+#include "tools/orvctl/OrvCtlApp.h"
+
+#include <cutils/properties.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include "tools/orvctl/OrvCtlTrace.h"
+
+namespace {
+
+void pauseMs(int ms) {
+    struct timespec ts = {ms / 1000, (ms % 1000) * 1000000L};
+    while (nanosleep(&ts, &ts) != 0) {
+    }
+}
+
+}  // namespace
+
+int OrvCtlApp::run(int argc, char** argv) {
+    int i = 1;
+    for (; i < argc; ++i) {
+        std::string a = argv[i];
+        if (a == "--help" || a == "-h" || a == "help") {
+            fputs(OrvCtlCommand::usage(), stdout);
+            return EXIT_OK;
+        } else if (a == "--socket" || a == "--timeout") {
+            if (i + 1 >= argc) {
+                fprintf(stderr, "orvctl: %s needs a value\n", a.c_str());
+                return EXIT_USAGE;
+            }
+            std::string v = argv[++i];
+            if (a == "--socket") {
+                mSocket = v;
+            } else {
+                char* end = nullptr;
+                long ms = strtol(v.c_str(), &end, 10);
+                if (v.empty() || *end != '\0' || ms < 0 || ms > 3600000) {
+                    fprintf(stderr, "orvctl: --timeout takes milliseconds, not \"%s\"\n", v.c_str());
+                    return EXIT_USAGE;
+                }
+                mTimeoutMs = static_cast<int>(ms);
+            }
+        } else if (a.compare(0, 2, "--") == 0) {
+            fprintf(stderr, "orvctl: unknown option %s (see orvctl --help)\n", a.c_str());
+            return EXIT_USAGE;
+        } else {
+            break;
+        }
+    }
+    if (i >= argc) {
+        fputs(OrvCtlCommand::usage(), stderr);
+        return EXIT_USAGE;
+    }
+    std::vector<std::string> words(argv + i, argv + argc);
+    OrvCtlCommand cmd;
+    std::string error;
+    if (!OrvCtlCommand::parse(words, false, cmd, error)) {
+        fprintf(stderr, "orvctl: %s\n", error.c_str());
+        return EXIT_USAGE;
+    }
+    return runCommand(cmd, words[0]);
+}
+
+bool OrvCtlApp::connect(OrvCtlConnection& conn) {
+    std::string error;
+    if (conn.open(mSocket, error)) return true;
+    fprintf(stderr, "orvctl: %s\n", error.c_str());
+    return false;
+}
+
+int OrvCtlApp::runCommand(const OrvCtlCommand& cmd, const std::string& label) {
+    switch (cmd.kind) {
+        case OrvCtlCommand::GETPROP: {
+            char value[PROPERTY_VALUE_MAX + 1] = {0};
+            property_get(cmd.arg1.c_str(), value, "");
+            printf("%s\n", value);
+            return EXIT_OK;
+        }
+        case OrvCtlCommand::SETPROP:
+            if (property_set(cmd.arg1.c_str(), cmd.arg2.c_str()) == 0) return EXIT_OK;
+            fprintf(stderr, "orvctl: property %s was refused the value \"%s\"\n", cmd.arg1.c_str(),
+                    cmd.arg2.c_str());
+            return EXIT_REFUSED;
+        case OrvCtlCommand::PAUSE:
+            pauseMs(cmd.pauseMs);
+            return EXIT_OK;
+        case OrvCtlCommand::REPLAY:
+            return runReplay(cmd.arg1);
+        case OrvCtlCommand::MESSAGE:
+            break;
+    }
+    if (mShared) return runMessage(*mShared, cmd, label);
+    OrvCtlConnection conn;
+    if (!connect(conn)) return EXIT_UNREACHABLE;
+    return runMessage(conn, cmd, label);
+}
+
+int OrvCtlApp::runMessage(OrvCtlConnection& conn, const OrvCtlCommand& cmd,
+                          const std::string& label) {
+    std::string error;
+    if (!conn.sendFrame(OrvCtlCommand::frame(cmd.code, cmd.payload), error)) {
+        fprintf(stderr, "orvctl: %s\n", error.c_str());
+        return EXIT_UNREACHABLE;
+    }
+    if (!cmd.expectsReply) return EXIT_OK;
+    int code = 0;
+    std::string text;
+    switch (conn.readReply(mTimeoutMs, code, text)) {
+        case OrvCtlConnection::OK:
+            break;
+        case OrvCtlConnection::TIMED_OUT:
+            fprintf(stderr, "orvctl: %s: no reply from orvd within %d ms\n", label.c_str(),
+                    mTimeoutMs);
+            return EXIT_NO_REPLY;
+        case OrvCtlConnection::CLOSED:
+        case OrvCtlConnection::FAILED:
+            fprintf(stderr, "orvctl: %s: orvd closed the connection without a reply\n",
+                    label.c_str());
+            return EXIT_NO_REPLY;
+    }
+    if (code != cmd.code)
+        fprintf(stderr, "orvctl: %s: the reply carries code %d, not %d\n", label.c_str(), code,
+                cmd.code);
+    if (cmd.printCode)
+        printf("%d %s\n", code, text.c_str());
+    else if (!text.empty() && text.back() == '\n')
+        fputs(text.c_str(), stdout);
+    else
+        printf("%s\n", text.c_str());
+    fflush(stdout);
+    return EXIT_OK;
+}
+
+int OrvCtlApp::runReplay(const std::string& path) {
+    std::vector<OrvCtlTrace::Step> steps;
+    std::vector<std::string> errors;
+    OrvCtlTrace::Result r = OrvCtlTrace::load(path, steps, errors);
+    for (const auto& e : errors) fprintf(stderr, "orvctl: %s\n", e.c_str());
+    if (r == OrvCtlTrace::UNREADABLE) return EXIT_REFUSED;
+    if (r == OrvCtlTrace::BAD_LINES) return EXIT_USAGE;
+
+    OrvCtlConnection conn;
+    if (!connect(conn)) return EXIT_UNREACHABLE;
+    mShared = &conn;
+    int status = EXIT_OK;
+    for (const auto& step : steps) {
+        if (step.command.expectsReply) printf("%s => ", step.text.c_str());
+        fflush(stdout);
+        std::string label = path + ":" + std::to_string(step.line);
+        int s = runCommand(step.command, label);
+        if (s == EXIT_UNREACHABLE) {
+            status = s;
+            break;
+        }
+        if (s != EXIT_OK) {
+            if (step.command.expectsReply) printf("(no reply)\n");
+            if (status == EXIT_OK) status = s;
+        }
+    }
+    mShared = nullptr;
+    return status;
+}

@@ -1,0 +1,18 @@
+#pragma once
+// orvpolicy's command line: check, info, protect, unprotect.
+#include <string>
+#include <vector>
+
+class OrvPolicyApp {
+  public:
+    enum Exit { EXIT_OK = 0, EXIT_FINDINGS = 1, EXIT_UNREADABLE = 2 };
+
+    int run(int argc, char** argv);
+
+  private:
+    int check(const std::vector<std::string>& files);
+    int info(const std::vector<std::string>& files);
+    int protect(const std::vector<std::string>& args);
+    int unprotect(const std::vector<std::string>& args);
+    static bool writeFile(const std::string& path, const std::string& data);
+};

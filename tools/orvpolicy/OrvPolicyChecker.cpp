@@ -1,0 +1,378 @@
+#include "tools/orvpolicy/OrvPolicyChecker.h"
+
+#include <stdlib.h>
+
+#include <functional>
+#include <sstream>
+
+namespace {
+
+const float kParserVersion = 1.0f;
+
+std::string quoted(const std::string& s) {
+    return "\"" + s + "\"";
+}
+
+bool isGestureState(const std::string& s) {
+    return s.compare(0, 8, "gesture_") == 0;
+}
+
+std::string fmt(float v) {
+    std::ostringstream os;
+    os << v;
+    return os.str();
+}
+
+}  // namespace
+
+float OrvPolicyChecker::parseVersion(const std::string& text) {
+    std::istringstream in(text);
+    char prefix = 0;
+    float v = 0.0f;
+    if (!(in >> prefix)) return 0.0f;
+    if (!(in >> v)) return 0.0f;
+    return v;
+}
+
+bool OrvPolicyChecker::isStateName(const std::string& name) {
+    static const std::set<std::string> names = {"reset",          "launch",
+                                                "start",          "run",
+                                                "scale",          "listview_scroll",
+                                                "listview_fling", "rotate",
+                                                "gesture_down",   "gesture_press",
+                                                "gesture_tap",    "gesture_scroll",
+                                                "gesture_fling",  "gesture_long_press"};
+    return names.count(name) > 0;
+}
+
+void OrvPolicyChecker::run() {
+    if (!mRoot.isObject()) {
+        mReport.error("", "the document must be a JSON object");
+        return;
+    }
+    for (const auto& key : mRoot.getMemberNames())
+        if (key != "parser" && key != "version" && key != "applications" && key != "default" &&
+            key != "policy_group")
+            mReport.warning(key, "unknown top-level key, never read");
+    checkVersions();
+
+    const Json::Value& groups = mRoot["policy_group"];
+    if (!groups.isNull() && !groups.isObject())
+        mReport.error("policy_group", "must be an object of named action sets");
+    else
+        checkGroupCycles();
+
+    const Json::Value& def = mRoot["default"];
+    if (!def.isNull()) {
+        if (!def.isObject()) {
+            mReport.error("default", "must be an object");
+        } else {
+            for (const auto& key : def.getMemberNames())
+                if (key != "action") mReport.warning("default." + key, "never read");
+            const Json::Value& action = def["action"];
+            if (!action.isNull() && !action.isObject()) {
+                mReport.error("default.action", "must be an object");
+            } else if (action.isObject()) {
+                for (const auto& key : action.getMemberNames())
+                    if (key != "reset")
+                        mReport.warning("default.action." + key,
+                                        "only the reset policy of \"default\" is read");
+                const Json::Value& reset = action["reset"];
+                if (!reset.isNull() && !reset.isObject()) {
+                    mReport.error("default.action.reset", "must be an object");
+                } else if (reset.isObject()) {
+                    for (const auto& key : reset.getMemberNames())
+                        if (key != "policy")
+                            mReport.warning("default.action.reset." + key,
+                                            "only \"policy\" of the default reset is read");
+                    checkSet("default.action.reset.policy", reset["policy"]);
+                }
+            }
+        }
+    }
+
+    const Json::Value& apps = mRoot["applications"];
+    if (!apps.isNull() && !apps.isObject()) {
+        mReport.error("applications", "must be an object: application name to its policy");
+    } else if (apps.isObject()) {
+        for (const auto& name : apps.getMemberNames()) checkApplication(name, apps[name]);
+        checkReferenceCycles("action");
+        checkReferenceCycles("param");
+    }
+
+    if (groups.isObject()) {
+        for (const auto& name : groups.getMemberNames()) {
+            if (mCheckedGroups.count(name)) continue;
+            mReport.warning("policy_group." + name, "no action set uses this group");
+            mCheckedGroups.insert(name);
+            checkSet("policy_group." + name, groups[name]);
+        }
+    }
+}
+
+void OrvPolicyChecker::checkVersions() {
+    checkVersion("parser", true);
+    checkVersion("version", false);
+}
+
+void OrvPolicyChecker::checkVersion(const char* key, bool isParser) {
+    const Json::Value& v = mRoot[key];
+    if (v.isNull()) {
+        mReport.error(key, isParser ? "missing: orvd reads it as v999999 and refuses the document"
+                                    : "missing: orvd reads it as v-1 and refuses the document");
+        return;
+    }
+    if (!v.isString()) {
+        mReport.error(key, "must be a text such as \"v1.0\"");
+        return;
+    }
+    std::string text = v.asString();
+    float number = parseVersion(text);
+    size_t first = text.find_first_not_of(" \t\r\n");
+    if (first == std::string::npos || text[first] != 'v')
+        mReport.warning(key, quoted(text) + " reads as " + fmt(number) +
+                                 ": the first character stands for the \"v\"");
+    if (isParser && number > kParserVersion)
+        mReport.error(key, quoted(text) +
+                               " needs a newer engine; orvd reads up to v1.0 and "
+                               "refuses the document");
+    if (!isParser && !(number > 0.0f) && number == number)
+        mReport.error(key, quoted(text) + " reads as " + fmt(number) +
+                               "; only versions above 0 are ever loaded");
+}
+
+void OrvPolicyChecker::checkApplication(const std::string& name, const Json::Value& app) {
+    if (!app.isObject()) {
+        mReport.error(name, "an application must be an object with \"action\" and \"param\"");
+        return;
+    }
+    for (const auto& key : app.getMemberNames())
+        if (key != "action" && key != "param")
+            mReport.warning(name + "." + key, "unknown key, never read");
+    checkParams(name, app["param"]);
+
+    const Json::Value& action = app["action"];
+    if (action.isNull()) return;
+    if (!action.isObject()) {
+        mReport.error(name + ".action", "must be an object: state name to its action sets");
+        return;
+    }
+    for (const auto& state : action.getMemberNames()) {
+        std::string stateLoc = name + ".action." + state;
+        if (state == "reference") {
+            checkReference(name, "action", action[state]);
+            continue;
+        }
+        if (!isStateName(state)) {
+            mReport.warning(stateLoc, "unknown state, never entered");
+            continue;
+        }
+        if (state == "reset" && !name.empty())
+            mReport.warning(stateLoc,
+                            "the reset state belongs to no application, so this is "
+                            "never run; use \"default\"");
+        const Json::Value& sets = action[state];
+        if (!sets.isObject()) {
+            mReport.error(stateLoc, "a state must be an object of action sets");
+            continue;
+        }
+        for (const auto& key : sets.getMemberNames()) {
+            if (key == "on_enter" || key == "on_exit" || key == "policy")
+                checkSet(stateLoc + "." + key, sets[key]);
+            else
+                mReport.warning(stateLoc + "." + key,
+                                "unknown set key (on_enter, on_exit or policy); never run");
+        }
+    }
+}
+
+void OrvPolicyChecker::checkParams(const std::string& name, const Json::Value& params) {
+    if (params.isNull()) return;
+    std::string base = name + ".param";
+    if (!params.isObject()) {
+        mReport.error(base, "must be an object: parameter name to its text");
+        return;
+    }
+    for (const auto& key : params.getMemberNames()) {
+        std::string loc = base + "." + key;
+        const Json::Value& v = params[key];
+        if (key == "reference") {
+            checkReference(name, "param", v);
+            continue;
+        }
+        if (v.isArray() || v.isObject()) {
+            mReport.error(loc,
+                          "a parameter must be a text; orvd cannot answer with an array "
+                          "or object");
+            continue;
+        }
+        std::string text = v.asString();
+        if (!v.isString()) mReport.warning(loc, "is not a text; it is answered as " + quoted(text));
+        if (key == "event_mask" || key == "thermal_mask") {
+            if (text.find_first_not_of("01") != std::string::npos)
+                mReport.error(loc, quoted(text) +
+                                       " holds characters other than 0 and 1; orvd "
+                                       "answers the default (" +
+                                       (key == "event_mask" ? "0" : "7") + ") instead");
+        } else if (key.size() > 8 && key.compare(key.size() - 8, 8, "_timeout") == 0 &&
+                   isGestureState(key.substr(0, key.size() - 8)) &&
+                   isStateName(key.substr(0, key.size() - 8))) {
+            int ms = atoi(text.c_str());
+            if (ms < 1)
+                mReport.warning(loc, quoted(text) + " reads as " + std::to_string(ms) +
+                                         "; orvd uses 100 ms instead");
+            else if (ms > 5000)
+                mReport.warning(loc, std::to_string(ms) +
+                                         " ms is quite large; orvd warns "
+                                         "each time the state is entered");
+        } else if (key != "large_heap" && key != "heap_utilization" &&
+                   key != "hardware_acceleration") {
+            mReport.warning(loc, "unknown parameter; orvd never asks for it");
+        }
+    }
+}
+
+void OrvPolicyChecker::checkReference(const std::string& app, const char* section,
+                                      const Json::Value& ref) {
+    std::string loc = app + "." + section + ".reference";
+    if (!ref.isString()) {
+        mReport.error(loc, "must be the name of an application");
+        return;
+    }
+    if (!mRoot["applications"].isMember(ref.asString()))
+        mReport.error(loc, "names " + quoted(ref.asString()) +
+                               ", which is not an application of this document");
+}
+
+void OrvPolicyChecker::checkReferenceCycles(const char* section) {
+    const Json::Value& apps = mRoot["applications"];
+    std::map<std::string, std::string> next;
+    for (const auto& name : apps.getMemberNames()) {
+        const Json::Value& app = apps[name];
+        if (!app.isObject() || !app[section].isObject()) continue;
+        const Json::Value& ref = app[section]["reference"];
+        if (ref.isString() && apps.isMember(ref.asString())) next[name] = ref.asString();
+    }
+    std::set<std::string> reported;
+    for (const auto& start : next) {
+        std::vector<std::string> path;
+        std::set<std::string> seen;
+        std::string cur = start.first;
+        while (next.count(cur) && !seen.count(cur)) {
+            seen.insert(cur);
+            path.push_back(cur);
+            cur = next[cur];
+        }
+        if (!seen.count(cur) || reported.count(cur)) continue;
+        // Only the loop itself, from where it closes, and each loop once.
+        std::string chain;
+        bool in = false;
+        for (const auto& p : path) {
+            if (p == cur) in = true;
+            if (in) {
+                chain += p + " -> ";
+                reported.insert(p);
+            }
+        }
+        chain += cur;
+        std::string what = std::string(section) == "action"
+                               ? "any action set that none of them defines makes orvd loop for ever"
+                               : "any parameter that none of them defines makes orvd recurse "
+                                 "until its stack overflows";
+        mReport.error(cur + "." + section + ".reference",
+                      "\"reference\" cycle " + chain + ": " + what);
+    }
+}
+
+void OrvPolicyChecker::checkGroupCycles() {
+    const Json::Value& groups = mRoot["policy_group"];
+    if (!groups.isObject()) return;
+    std::map<std::string, std::vector<std::string>> calls;
+    for (const auto& name : groups.getMemberNames()) {
+        const Json::Value& set = groups[name];
+        if (!set.isArray()) continue;
+        for (const auto& m : set)
+            if (m.isObject() && m["method"] == "group" && m["path"].isString() &&
+                groups.isMember(m["path"].asString()))
+                calls[name].push_back(m["path"].asString());
+    }
+    // Depth-first search; a group met again on the current path closes a loop.
+    std::map<std::string, int> mark;  // 0 new, 1 on path, 2 done
+    std::vector<std::string> path;
+    std::function<void(const std::string&)> visit = [&](const std::string& g) {
+        mark[g] = 1;
+        path.push_back(g);
+        for (const auto& callee : calls[g]) {
+            if (mark[callee] == 1) {
+                std::string chain;
+                bool in = false;
+                for (const auto& p : path) {
+                    if (p == callee) in = true;
+                    if (in) chain += p + " -> ";
+                }
+                mReport.error(
+                    "policy_group." + callee,
+                    "group cycle " + chain + callee + ": orvd recurses until its stack overflows");
+            } else if (mark[callee] == 0) {
+                visit(callee);
+            }
+        }
+        path.pop_back();
+        mark[g] = 2;
+    };
+    for (const auto& name : groups.getMemberNames())
+        if (mark[name] == 0) visit(name);
+}
+
+void OrvPolicyChecker::checkSet(const std::string& loc, const Json::Value& set) {
+    if (set.isNull()) return;
+    if (!set.isArray()) {
+        mReport.error(loc, "an action set must be an array of method objects");
+        return;
+    }
+    for (Json::ArrayIndex i = 0; i < set.size(); ++i)
+        checkMethod(loc + "[" + std::to_string(i) + "]", set[i]);
+}
+
+void OrvPolicyChecker::checkMethod(const std::string& loc, const Json::Value& m) {
+    if (m.isNull()) {
+        mReport.error(loc, "no \"method\": orvd reports it and skips it");
+        return;
+    }
+    if (!m.isObject()) {
+        mReport.error(loc, "a method must be an object");
+        return;
+    }
+    const Json::Value& method = m["method"];
+    if (method.isNull()) {
+        mReport.error(loc, "no \"method\": orvd reports it and skips it");
+        return;
+    }
+    if (!method.isString()) {
+        mReport.error(loc, "\"method\" must be a text");
+        return;
+    }
+    std::string name = method.asString();
+    if (name != "group") {
+        mMethods.check(loc, name, m);
+        return;
+    }
+    for (const auto& key : m.getMemberNames())
+        if (key != "method" && key != "path")
+            mReport.warning(loc, "key " + quoted(key) + " is never read by \"group\"");
+    const Json::Value& path = m["path"];
+    if (!path.isString()) {
+        mReport.error(loc, "\"path\" of a group must be the group's name");
+        return;
+    }
+    std::string group = path.asString();
+    const Json::Value& groups = mRoot["policy_group"];
+    if (!groups.isObject() || !groups.isMember(group) || groups[group].isNull()) {
+        mReport.error(loc, "policy_group " + quoted(group) +
+                               " does not exist; orvd does "
+                               "nothing here");
+        return;
+    }
+    // Each group's own findings once, at the first place that uses it.
+    if (mCheckedGroups.insert(group).second) checkSet(loc + group, groups[group]);
+}

@@ -1,0 +1,40 @@
+#pragma once
+// Reads a whole policy document as orvd's engine would and reports what would go wrong.
+#include <json/json.h>
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tools/orvpolicy/OrvPolicyMethodChecker.h"
+#include "tools/orvpolicy/OrvPolicyReport.h"
+
+class OrvPolicyChecker {
+  public:
+    OrvPolicyChecker(const Json::Value& root, bool fromProtectedFile, OrvPolicyReport& report)
+        : mRoot(root), mReport(report), mMethods(report, fromProtectedFile) {}
+
+    void run();
+
+    // The number the engine reads from a version text ("v1.5" gives 1.5, "1.5" gives 0.5).
+    static float parseVersion(const std::string& text);
+    // The state names of the scenario machine, which are the keys under "action".
+    static bool isStateName(const std::string& name);
+
+  private:
+    void checkVersions();
+    void checkVersion(const char* key, bool isParser);
+    void checkApplication(const std::string& name, const Json::Value& app);
+    void checkParams(const std::string& name, const Json::Value& params);
+    void checkReference(const std::string& app, const char* section, const Json::Value& ref);
+    void checkReferenceCycles(const char* section);
+    void checkGroupCycles();
+    void checkSet(const std::string& loc, const Json::Value& set);
+    void checkMethod(const std::string& loc, const Json::Value& m);
+
+    const Json::Value& mRoot;
+    OrvPolicyReport& mReport;
+    OrvPolicyMethodChecker mMethods;
+    std::set<std::string> mCheckedGroups;
+};

@@ -1,0 +1,84 @@
+#include "tools/orvpolicy/OrvPolicyDocument.h"
+
+#include <fstream>
+#include <sstream>
+
+#include "tools/codec/OrvPolicyEncoder.h"
+
+namespace {
+
+void lineAndColumn(const std::string& text, size_t offset, int& line, int& column) {
+    line = 1;
+    column = 1;
+    for (size_t i = 0; i < offset && i < text.size(); ++i) {
+        if (text[i] == '\n') {
+            ++line;
+            column = 1;
+        } else {
+            ++column;
+        }
+    }
+}
+
+// A protected file is one long line of printable characters, an even number of them.
+bool looksProtected(const std::string& text) {
+    if (text.size() < 608) return false;
+    for (unsigned char c : text)
+        if (c < 32 || c > 126) return false;
+    return text.size() % 2 == 0;
+}
+
+}  // namespace
+
+bool OrvPolicyDocument::readFile(const std::string& path, std::string& out) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return false;
+    std::stringstream ss;
+    ss << in.rdbuf();
+    if (in.bad()) return false;
+    out = ss.str();
+    return true;
+}
+
+bool OrvPolicyDocument::parse(const std::string& text, Json::Value& root,
+                              std::vector<std::string>& problems) {
+    Json::Reader reader;
+    if (reader.parse(text, root, true)) return true;
+    std::vector<Json::Reader::StructuredError> errors = reader.getStructuredErrors();
+    for (const auto& e : errors) {
+        int line = 0, column = 0;
+        lineAndColumn(text, static_cast<size_t>(e.offset_start), line, column);
+        std::string message = e.message;
+        while (!message.empty() && message.back() == '\n') message.pop_back();
+        problems.push_back(std::to_string(line) + ":" + std::to_string(column) + ": " + message);
+    }
+    if (problems.empty()) problems.push_back("1:1: not a JSON document");
+    return false;
+}
+
+OrvPolicyDocument::Status OrvPolicyDocument::load(const std::string& path) {
+    std::string text;
+    if (!readFile(path, text)) {
+        mProblems.push_back("cannot read the file");
+        return UNREADABLE;
+    }
+    std::vector<std::string> plainProblems;
+    if (parse(text, mRoot, plainProblems)) {
+        mJson = text;
+        return OK;
+    }
+    std::string decoded, error;
+    if (orvUnprotectPolicy(text, decoded, &error)) {
+        mProtected = true;
+        mJson = decoded;
+        if (parse(decoded, mRoot, mProblems)) return OK;
+        for (auto& p : mProblems) p = "after decrypt " + p;
+        return INVALID;
+    }
+    if (looksProtected(text)) {
+        mProblems.push_back("1:1: not JSON, and not a valid protected file either (" + error + ")");
+        return INVALID;
+    }
+    mProblems = plainProblems;
+    return INVALID;
+}
