@@ -7,6 +7,7 @@
 #include <stdint.h>
 
 #include <chrono>
+#include <filesystem>
 #include <condition_variable>
 #include <fstream>
 #include <functional>
@@ -27,18 +28,14 @@ public:
         const char* dir = mkdtemp(tmpl);
         mPath = dir ? dir : "";
         setenv("ORV_ROOT", mPath.c_str(), 1);
-        mkdir((mPath + "/data").c_str(), 0755);
-        mkdir((mPath + "/system").c_str(), 0755);
-        mkdir((mPath + "/system/etc").c_str(), 0755);
-        mkdir((mPath + "/dev").c_str(), 0755);
+        std::error_code ec;
+        std::filesystem::create_directories(mPath + "/data", ec);
+        std::filesystem::create_directories(mPath + "/system/etc", ec);
+        std::filesystem::create_directories(mPath + "/dev", ec);
     }
     ~TempRoot() {
-        if (!mPath.empty()) {
-            std::string cmd = "rm -rf '" + mPath + "'";
-            if (system(cmd.c_str()) != 0) {
-                // best effort
-            }
-        }
+        std::error_code ec;
+        if (!mPath.empty()) std::filesystem::remove_all(mPath, ec);
     }
     TempRoot(const TempRoot&) = delete;
     TempRoot& operator=(const TempRoot&) = delete;
@@ -49,8 +46,8 @@ public:
     // Writes `content` to root-relative `rel`, creating parent directories.
     std::string write(const std::string& rel, const std::string& content) const {
         std::string full = mPath + "/" + rel;
-        std::string cmd = "mkdir -p \"$(dirname '" + full + "')\"";
-        if (system(cmd.c_str()) != 0) return full;
+        std::error_code ec;
+        std::filesystem::create_directories(std::filesystem::path(full).parent_path(), ec);
         std::ofstream(full, std::ios::binary) << content;
         return full;
     }

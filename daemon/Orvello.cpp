@@ -1,0 +1,67 @@
+#define LOG_TAG "OrvOrvello"
+#include "daemon/Orvello.h"
+
+#include <cutils/properties.h>
+
+#include "daemon/OrvLog.h"
+#include "daemon/OrvTimer.h"
+
+const char* ORV_PROP_ENABLE = "sys.orv.enable";
+
+Orvello* Orvello::mInstance = nullptr;
+
+Orvello::Orvello() {
+    ORV_LOGD("constructor called");
+}
+
+Orvello::~Orvello() {
+    ORV_LOGD("destructor called");
+}
+
+bool Orvello::init() {
+    static Orvello daemon;
+
+    if (mInstance) {
+        ALOGW("cannot initiate multiple times!");
+        return false;
+    }
+    if (!daemon.mActionManager.init()) {
+        property_set(ORV_PROP_ENABLE, "false");
+        return false;
+    }
+    daemon.mContext.mActionManager = &daemon.mActionManager;
+    daemon.mMsgHandler.setContext(&daemon.mContext);
+    daemon.mMsgHandler.setActionManager(&daemon.mActionManager);
+    daemon.mListener.setMsgHandler(&daemon.mMsgHandler);
+
+    OrvTimer& timer = OrvTimer::getInstance();
+    timer.setTimeoutWork(&daemon.mTimeoutWork);
+    timer.start();
+
+    mInstance = &daemon;
+    property_set(ORV_PROP_ENABLE, "true");
+    ALOGI("initiated");
+    return true;
+}
+
+void Orvello::run() {
+    ALOGI("run");
+    if (!mInstance) {
+        ALOGE("did not initiate");
+        return;
+    }
+    mInstance->mListener.startListener();
+    mInstance->mActionManager.waitDBUpdate();
+}
+
+void Orvello::dumpState(std::string& out) {
+    out.append("[version]: ");
+    out.append("v1.0");
+    out.append("\n");
+    std::string context;
+    mContext.dumpState(context);
+    out.append(context);
+    std::string manager;
+    mActionManager.dumpState(manager);
+    out.append(manager);
+}

@@ -1,0 +1,35 @@
+#pragma once
+#include <string>
+
+#include "daemon/OrvListener.h"
+#include "daemon/OrvTimeoutWork.h"
+#include "policy/OrvActionManager.h"
+#include "protocol/OrvMsgHandler.h"
+#include "scenario/OrvContext.h"
+
+extern const char* ORV_PROP_ENABLE;  // "sys.orv.enable"
+
+// The daemon: owns every long-lived component. One instance, created by the first init().
+class Orvello {
+  public:
+    // true once the policy is loaded and everything is wired; false also on a second call.
+    static bool init();
+    // Starts the socket listener and gives the calling thread to the update queue.
+    static void run();
+    void dumpState(std::string& out);
+
+    static Orvello* mInstance;  // null until init() has succeeded
+
+  private:
+    Orvello();
+    ~Orvello();
+    Orvello(const Orvello&) = delete;
+    Orvello& operator=(const Orvello&) = delete;
+
+    // Declaration order is construction order.
+    OrvContext mContext;
+    OrvMsgHandler mMsgHandler;
+    OrvListener mListener;
+    OrvActionManager mActionManager;
+    OrvTimeoutWork mTimeoutWork;
+};

@@ -1,0 +1,49 @@
+#define LOG_TAG "OrvMain"
+#include <pthread.h>
+#include <signal.h>
+#include <stdlib.h>
+
+#include "daemon/OrvLog.h"
+#include "daemon/Orvello.h"
+
+namespace {
+
+// signal() has BSD semantics on both bionic and glibc; bsd_signal exists only on the former.
+void installHandler(int sig, void (*handler)(int)) {
+    signal(sig, handler);
+}
+
+}  // namespace
+
+void signal_callback_handler(int sig) {
+    ALOGI("caught signal %d", sig);
+    exit(sig);
+}
+
+// A daemon without a policy stays parked instead of being restarted over and over.
+void block_here() {
+    ALOGI("disabled");
+    pthread_mutex_t lock;
+    pthread_cond_t cond;
+    pthread_mutex_init(&lock, nullptr);
+    pthread_cond_init(&cond, nullptr);
+    pthread_mutex_lock(&lock);
+    for (;;) {
+        pthread_cond_wait(&cond, &lock);
+    }
+}
+
+int main() {
+    ALOGI("start");
+    OrvLogUpdateToggle();
+    installHandler(SIGINT, signal_callback_handler);
+    // A client that hangs up before its reply must not take the daemon down.
+    installHandler(SIGPIPE, SIG_IGN);
+
+    if (!Orvello::init()) {
+        block_here();
+    }
+    Orvello::run();
+    ALOGE("Hello! You should NEVER see this line printed.");
+    return 0;
+}

@@ -1,0 +1,22 @@
+# Injected by scripts/fuzz through CMAKE_PROJECT_INCLUDE: adds the libFuzzer targets once the
+# whole tree, and so orv_app, has been configured.
+function(orv_add_fuzzers)
+    if(NOT TARGET orv_app)
+        message(FATAL_ERROR "orv_app is missing: nothing to fuzz")
+    endif()
+    # clang warns where gcc does not; warnings are the gcc build's business, not the fuzzer's.
+    foreach(t orv_host orv_core orv_crypto orv_policy orv_app)
+        if(TARGET ${t})
+            get_target_property(opts ${t} COMPILE_OPTIONS)
+            if(opts)
+                list(REMOVE_ITEM opts -Werror)
+                set_target_properties(${t} PROPERTIES COMPILE_OPTIONS "${opts}")
+            endif()
+        endif()
+    endforeach()
+    add_executable(orv_consume_fuzzer ${CMAKE_SOURCE_DIR}/fuzz/consume_fuzzer.cpp)
+    target_include_directories(orv_consume_fuzzer PRIVATE ${CMAKE_SOURCE_DIR})
+    target_link_libraries(orv_consume_fuzzer PRIVATE orv_app)
+    target_link_options(orv_consume_fuzzer PRIVATE -fsanitize=fuzzer)
+endfunction()
+cmake_language(DEFER DIRECTORY ${CMAKE_SOURCE_DIR} CALL orv_add_fuzzers)

@@ -1,0 +1,45 @@
+#pragma once
+#include <string>
+#include <unordered_map>
+
+class OrvActionManager;
+class OrvContext;
+class SocketClient;
+
+// Cuts the control socket's byte stream into "[code,len]payload" frames and turns each one into
+// a context event, a registry update, a policy update or a query answer. Listener thread only.
+class OrvMsgHandler {
+  public:
+    OrvMsgHandler();
+    ~OrvMsgHandler();
+    OrvMsgHandler(const OrvMsgHandler&) = delete;
+    OrvMsgHandler& operator=(const OrvMsgHandler&) = delete;
+
+    // `data` holds `len` bytes followed by a NUL.
+    void consume(const char* data, int len, SocketClient* client);
+    void consumeMsg(int code, const char* payload, SocketClient* client);
+
+    const char* getPNameByPid(int pid);
+    // Both keep an existing entry.
+    void addPidPNamePair(int pid, const char* pname);
+    void addIdPair(int pid, int tid);
+
+    // "0"/"1" digits, last one bit 0, to the decimal text of the 32-bit sum.
+    static bool binStr2UIntStr(std::string& bin, std::string& out);
+
+    void setContext(OrvContext* context) { mContext = context; }
+    void setActionManager(OrvActionManager* manager) { mActionManager = manager; }
+
+  private:
+    void onListView(int pid, int type);
+    void onViewGesture(int pid, int type);
+    void onScale(int pid, int type);
+    void answerParam(const char* pname, const char* param, std::string& answer);
+    void onConfigurationQuery(int type, const std::string& key, SocketClient* client);
+    int glTidOf(int pid);
+
+    OrvContext* mContext;
+    OrvActionManager* mActionManager;
+    std::unordered_map<int, std::string> mPidNameMap;
+    std::unordered_map<int, int> mGLTidMap;
+};

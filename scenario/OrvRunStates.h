@@ -1,0 +1,98 @@
+#pragma once
+#include "scenario/OrvState.h"
+
+// What every state of a running application shares: a launch or a start of another app leaves
+// for launch or start, a transit moves straight to the new app.
+class OrvRunBase : public OrvState {
+  public:
+    bool onLaunch(OrvContext* ctx, const char* name) override;
+    bool onStart(OrvContext* ctx, const char* name, int pid, int glTid) override;
+    bool onDisplayed(OrvContext* ctx, const char* pname, int pid) override;
+    bool onTransit(OrvContext* ctx, int fromPid, const char* fromName, int toPid,
+                   const char* toName, int toGlTid) override;
+
+  protected:
+    OrvRunBase() = default;
+};
+
+class OrvRun : public OrvRunBase {
+  public:
+    static OrvRun* getInstance();
+
+    bool onScaleStart(OrvContext* ctx, const char* pname, int pid) override;
+    bool onListScroll(OrvContext* ctx, const char* pname, int pid) override;
+    bool onListFling(OrvContext* ctx, const char* pname, int pid) override;
+    bool onRotateStart(OrvContext* ctx) override;
+    bool onGestureDown(OrvContext* ctx, const char* pname, int pid) override;
+    bool onGesturePress(OrvContext* ctx, const char* pname, int pid) override;
+    bool onGestureTap(OrvContext* ctx, const char* pname, int pid) override;
+    bool onGestureScroll(OrvContext* ctx, const char* pname, int pid) override;
+    bool onGestureFling(OrvContext* ctx, const char* pname, int pid) override;
+    bool onGestureLongPress(OrvContext* ctx, const char* pname, int pid) override;
+    const char* getStateNameStr() override { return "run"; }
+
+  protected:
+    OrvRun() = default;
+
+  private:
+    bool toGesture(OrvContext* ctx, const char* pname, int pid, OrvState* next);
+};
+
+class OrvScale : public OrvRunBase {
+  public:
+    static OrvScale* getInstance();
+
+    bool onScaleEnd(OrvContext* ctx, const char* pname, int pid) override;
+    bool onListScroll(OrvContext* ctx, const char* pname, int pid) override;
+    bool onListFling(OrvContext* ctx, const char* pname, int pid) override;
+    bool onRotateStart(OrvContext* ctx) override;
+    const char* getStateNameStr() override { return "scale"; }
+
+  private:
+    OrvScale() = default;
+};
+
+class OrvListviewScroll : public OrvRunBase {
+  public:
+    static OrvListviewScroll* getInstance();
+
+    bool onListFling(OrvContext* ctx, const char* pname, int pid) override;
+    bool onListIdle(OrvContext* ctx, const char* pname, int pid) override;
+    bool onRotateStart(OrvContext* ctx) override;
+    // Touch gestures are part of scrolling a list: dropped without a word.
+    bool onGestureDown(OrvContext* ctx, const char* pname, int pid) override;
+    bool onGestureScroll(OrvContext* ctx, const char* pname, int pid) override;
+    bool onGestureFling(OrvContext* ctx, const char* pname, int pid) override;
+    const char* getStateNameStr() override { return "listview_scroll"; }
+
+  private:
+    OrvListviewScroll() = default;
+};
+
+class OrvListviewFling : public OrvRunBase {
+  public:
+    static OrvListviewFling* getInstance();
+
+    bool onListIdle(OrvContext* ctx, const char* pname, int pid) override;
+    bool onRotateStart(OrvContext* ctx) override;
+    bool onGestureDown(OrvContext* ctx, const char* pname, int pid) override;
+    bool onGestureScroll(OrvContext* ctx, const char* pname, int pid) override;
+    bool onGestureFling(OrvContext* ctx, const char* pname, int pid) override;
+    const char* getStateNameStr() override { return "listview_fling"; }
+
+  private:
+    OrvListviewFling() = default;
+};
+
+class OrvRotate : public OrvRunBase {
+  public:
+    static OrvRotate* getInstance();
+
+    bool onDisplayed(OrvContext* ctx, const char* pname, int pid) override;
+    bool onListIdle(OrvContext* ctx, const char* pname, int pid) override;
+    bool onRotateStop(OrvContext* ctx) override;
+    const char* getStateNameStr() override { return "rotate"; }
+
+  private:
+    OrvRotate() = default;
+};
