@@ -91,11 +91,12 @@ extern "C" int __android_log_write(int prio, const char* tag, const char* text) 
 }
 
 extern "C" int __android_log_vprint(int prio, const char* tag, const char* fmt, va_list ap) {
+    if (fmt == nullptr) return __android_log_write(prio, tag, "");
     int savedErrno = errno;
     char small[1024];
     va_list copy;
     va_copy(copy, ap);
-    int n = vsnprintf(small, sizeof(small), fmt ? fmt : "", copy);
+    int n = vsnprintf(small, sizeof(small), fmt, copy);
     va_end(copy);
     std::string text;
     if (n < 0) {
