@@ -1,63 +1,58 @@
-// The context's own rules: its dump, its log lines, unknown applications, gesture time-outs and
-// the few state behaviours that the table cannot reach.
+// The context's own rules that the state table cannot reach: its dump, its log lines, unknown
+// applications, the screen-off reset, the large time-out warning and the base-class defaults.
 #include "OrvDaemonTestUtil.h"
 #include "scenario/OrvState.h"
 
 namespace {
 
-using orvtest::ScenarioEnv;
-
 class ContextTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_TRUE(env.ready());
-        ctx.mActionManager = env.manager();
+        ASSERT_TRUE(env.ready);
+        ctx.mActionManager = env.manager;
     }
-    ScenarioEnv env;
+    void runA() {
+        ctx.onStart("com.a", 100, 7);
+        ctx.onDisplayed("com.a", 100);
+    }
+    std::string state() { return ctx.mState->getStateNameStr(); }
+    std::string dump() {
+        std::string out = "stale";
+        ctx.dumpState(out);
+        return out;
+    }
+    orvtest::ScenarioEnv env;
     OrvContext ctx;
 };
 
-TEST_F(ContextTest, DumpOfAFreshAndOfARunningContext) {
-    std::string out = "stale";
-    ctx.dumpState(out);
-    EXPECT_EQ(
-        "[Context]:\n"
-        "   App       : \n"
-        "   State     : reset\n"
-        "   PID       : -1\n"
-        "   GLTID     : -1\n"
-        "   Timeout   : 0\n"
-        "   IsScreenOn: true\n",
-        out);
-
-    ctx.onStart("com.a", 100, 7);
-    ctx.onDisplayed("com.a", 100);
+TEST_F(ContextTest, DumpAndTheLargeTimeoutWarning) {
+    const std::string fresh =
+        "[Context]:\n   App       : \n   State     : reset\n"
+        "   PID       : -1\n   GLTID     : -1\n   Timeout   : 0\n"
+        "   IsScreenOn: true\n";
+    EXPECT_EQ(fresh, dump());
+    runA();
+    ctx.onGestureTap("com.a", 100);  // a large time-out is used, with a warning
+    EXPECT_EQ(7000, ctx.mTimeout);
+    EXPECT_TRUE(env.log.has("gesture_tap_timeout = 7000 is quite large!", "OrvContext"));
+    EXPECT_TRUE(env.log.has("set timer(7000 ms)", "OrvTimer"));
     ctx.onGestureDown("com.a", 100);
+    EXPECT_EQ(1, env.log.countContaining("quite large"));
     ctx.onScreenOff();
     ctx.onScreenOff();  // in reset: only the flag
-    ctx.dumpState(out);
-    EXPECT_EQ(
-        "[Context]:\n"
-        "   App       : \n"
-        "   State     : reset\n"
-        "   PID       : -1\n"
-        "   GLTID     : -1\n"
-        "   Timeout   : 0\n"
-        "   IsScreenOn: false\n",
-        out);
+    std::string off = fresh;
+    EXPECT_EQ(off.replace(off.find("true"), 4, "false"), dump());
     ctx.onScreenOn();
     ctx.onTransit(1, "x", 300, "com.b", 12);
-    ctx.dumpState(out);
-    EXPECT_NE(std::string::npos, out.find("   App       : com.b\n   State     : run\n"
-                                          "   PID       : 300\n   GLTID     : 12\n"))
-        << out;
+    EXPECT_NE(std::string::npos, dump().find("   App       : com.b\n   State     : run\n"
+                                             "   PID       : 300\n   GLTID     : 12\n"))
+        << dump();
 }
 
-TEST_F(ContextTest, BeforeAndAfterLinesKeepTheirOddSpacing) {
-    ctx.onStart("com.a", 100, 7);
-    ctx.onDisplayed("com.a", 100);
+TEST_F(ContextTest, BeforeAndAfterLinesKeepTheirOddSpacingAndDebugOffSilencesThem) {
+    runA();
     ctx.onRotateStart();
-    env.log().clear();
+    env.log.clear();
     ctx.onRotateStop();
     ctx.onScreenOff();
     ctx.onScreenOn();
@@ -78,37 +73,30 @@ TEST_F(ContextTest, BeforeAndAfterLinesKeepTheirOddSpacing) {
         "[start][pid=5,GLTid=9,name=com.a]\n  -> onTransit(from=1,f to=2,t,3)",
         "[reset][pid=-1,GLTid=-1,name=,Screen=on,Timeout=0]",
     };
-    EXPECT_EQ(want, env.log().texts("OrvContext"));
-}
+    EXPECT_EQ(want, env.log.texts("OrvContext"));
 
-TEST_F(ContextTest, DebugOffSilencesTheContextButNotTheEvent) {
     orvtest::setDebug(false);
-    env.log().clear();
+    env.log.clear();
     ctx.onStart("com.a", 100, 7);
-    EXPECT_STREQ("start", ctx.mState->getStateNameStr());
-    EXPECT_TRUE(env.log().texts("OrvContext").empty());
+    EXPECT_EQ("start", state());
+    EXPECT_TRUE(env.log.texts("OrvContext").empty());
 }
 
 TEST_F(ContextTest, UnknownApplicationEndsInResetFromEmptyToEmpty) {
     ctx.onLaunch("com.unknown");
     ASSERT_TRUE(env.sync());
-    EXPECT_TRUE(env.log().has("Change state to reset.(target:com.unknown)", "OrvContext"));
-    EXPECT_STREQ("reset", ctx.mState->getStateNameStr());
+    EXPECT_TRUE(env.log.has("Change state to reset.(target:com.unknown)", "OrvContext"));
+    EXPECT_EQ("reset", state());
     EXPECT_EQ("", ctx.mAppName);
-    EXPECT_EQ(
-        (std::vector<std::string>{"APP-SWITCH from[, -1, -1, reset] to[, -1, -1, reset] event[]"}),
-        env.actions());
+    using V = std::vector<std::string>;
+    EXPECT_EQ(V{"APP-SWITCH from[, -1, -1, reset] to[, -1, -1, reset] event[]"}, env.actions());
 
-    // From a running app, an unknown one drops straight back to reset.
-    ctx.onStart("com.a", 100, 7);
-    ctx.onDisplayed("com.a", 100);
+    runA();  // from a running app, an unknown one drops straight back to reset
     ASSERT_TRUE(env.sync());
-    env.log().clear();
+    env.log.clear();
     ctx.onTransit(100, "com.a", 300, "com.unknown", 4);
     ASSERT_TRUE(env.sync());
-    EXPECT_EQ((std::vector<std::string>{
-                  "APP-SWITCH from[com.a, 100, 7, run] to[, -1, -1, reset] event[]"}),
-              env.actions());
+    EXPECT_EQ(V{"APP-SWITCH from[com.a, 100, 7, run] to[, -1, -1, reset] event[]"}, env.actions());
 }
 
 TEST_F(ContextTest, ScreenOffKeepsResetClosedUntilScreenOn) {
@@ -117,56 +105,39 @@ TEST_F(ContextTest, ScreenOffKeepsResetClosedUntilScreenOn) {
     ctx.onStart("com.a", 1, 2);
     ctx.onTransit(0, "", 1, "com.a", 2);
     ASSERT_TRUE(env.sync());
-    EXPECT_STREQ("reset", ctx.mState->getStateNameStr());
+    EXPECT_EQ("reset", state());
     EXPECT_FALSE(ctx.mIsScreenOn);
     EXPECT_TRUE(env.actions().empty());
-
     ctx.onScreenOn();
     ctx.onTransit(0, "", -1, "com.a", 2);  // an unknown pid never leaves reset
-    EXPECT_STREQ("reset", ctx.mState->getStateNameStr());
+    EXPECT_EQ("reset", state());
     ctx.onTransit(0, "", 1, "com.a", 2);
-    EXPECT_STREQ("run", ctx.mState->getStateNameStr());
-}
-
-// The per-cell time-outs are checked by the state table; only the warning is left.
-TEST_F(ContextTest, LargeGestureTimeoutIsUsedWithAWarning) {
-    ctx.onStart("com.a", 100, 7);
-    ctx.onDisplayed("com.a", 100);
-    ctx.onGestureTap("com.a", 100);
-    EXPECT_EQ(7000, ctx.mTimeout);
-    EXPECT_TRUE(env.log().has("gesture_tap_timeout = 7000 is quite large!", "OrvContext"));
-    EXPECT_TRUE(env.log().has("set timer(7000 ms)", "OrvTimer"));
-    ctx.onGestureDown("com.a", 100);
-    EXPECT_EQ(1, env.log().countContaining("quite large"));
+    EXPECT_EQ("run", state());
 }
 
 // Defaults that every concrete state overrides, reached through a qualified call.
 TEST_F(ContextTest, BaseDefaultsForTransitAndStart) {
-    ctx.onStart("com.a", 100, 7);
-    ctx.onDisplayed("com.a", 100);
+    runA();
     OrvState* run = ctx.mState;
-
     // The very text object of the context's name: ids taken, event ignored.
     run->OrvState::onTransit(&ctx, 0, "", 55, ctx.mAppName.c_str(), 66);
-    EXPECT_STREQ("run", ctx.mState->getStateNameStr());
+    EXPECT_EQ("run", state());
     EXPECT_EQ(55, ctx.mPid);
     EXPECT_EQ(66, ctx.mGLTid);
-    EXPECT_TRUE(env.log().has("unexpected onTransit event is ignored by default.", "OrvState"));
-
+    EXPECT_TRUE(env.log.has("unexpected onTransit event is ignored by default.", "OrvState"));
     // An equal text elsewhere is not the same object: reset.
     std::string copy = ctx.mAppName;
     run->OrvState::onTransit(&ctx, 0, "", 55, copy.c_str(), 66);
-    EXPECT_STREQ("reset", ctx.mState->getStateNameStr());
+    EXPECT_EQ("reset", state());
     EXPECT_TRUE(
-        env.log().has("unexpected onTransit event causes state reset by default.", "OrvState"));
+        env.log.has("unexpected onTransit event causes state reset by default.", "OrvState"));
 
     ctx.onStart("com.a", 100, 7);
     ctx.mIsScreenOn = false;
     ctx.mState->OrvState::onStart(&ctx, "com.a", 1, 2);
-    EXPECT_STREQ("reset", ctx.mState->getStateNameStr());
+    EXPECT_EQ("reset", state());
     EXPECT_TRUE(ctx.mIsScreenOn);
-    EXPECT_TRUE(
-        env.log().has("unexpected onStart event causes state reset by default.", "OrvState"));
+    EXPECT_TRUE(env.log.has("unexpected onStart event causes state reset by default.", "OrvState"));
 }
 
 }  // namespace

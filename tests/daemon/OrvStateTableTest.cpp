@@ -1,455 +1,183 @@
-// Every state x every event, for the tracked application and for another one, against the
-// transition table: next state, ids, screen flag, time-out, the action executed, the warning and
-// the timer calls.
-#include <stdio.h>
-
-#include <functional>
+// Every state x every event, for the tracked application and for another one: next state, ids,
+// screen flag, time-out, the action executed, the warning and the timer calls.
 #include <map>
+#include <sstream>
 
 #include "OrvDaemonTestUtil.h"
 #include "scenario/OrvState.h"
 
 namespace {
 
-using orvtest::ScenarioEnv;
-
-enum Ev {
-    Reset,
-    Launch,
-    Start,
-    Displayed,
-    ScaleStart,
-    ScaleEnd,
-    ListScroll,
-    ListFling,
-    ListIdle,
-    Transit,
-    RotateStart,
-    RotateStop,
-    Attach,
-    ProcStart,
-    ScreenOff,
-    ScreenOn,
-    GDown,
-    GPress,
-    GTap,
-    GScroll,
-    GFling,
-    GLongPress,
-    Timeout,
-    EvCount
+struct Args {
+    const char* n;
+    int pid, tid;
 };
+#define ON(call) [](OrvContext& c, const Args& a) { (void)a, c.call; }
 
-struct EventInfo {
-    const char* op;  // as in the warning texts
-    bool hasApp;
+// Key used in cells, name, the event that enters it from run, com.a's time-out in the policy.
+struct St {
+    const char *key, *name, *via;
+    int ms;
 };
-
-const EventInfo kEvents[EvCount] = {
-    {"onReset", false},           {"onLaunch", true},        {"onStart", true},
-    {"onDisplayed", true},        {"onScaleStart", true},    {"onScaleEnd", true},
-    {"onListScroll", true},       {"onListFling", true},     {"onListIdle", true},
-    {"onTransit", true},          {"onRotateStart", false},  {"onRotateStop", false},
-    {"onAttachGLThread", true},   {"onProcStart", true},     {"onScreenOff", false},
-    {"onScreenOn", false},        {"onGestureDown", true},   {"onGesturePress", true},
-    {"onGestureTap", true},       {"onGestureScroll", true}, {"onGestureFling", true},
-    {"onGestureLongPress", true}, {"onTimeout", false},
+// clang-format off
+const St kStates[] = {
+    {"", "reset", "", 0},                         {"L", "launch", "", 0},
+    {"S", "start", "", 0},                        {"R", "run", "", 0},
+    {"C", "scale", "onScaleStart", 0},            {"LS", "listview_scroll", "onListScroll", 0},
+    {"LF", "listview_fling", "onListFling", 0},   {"O", "rotate", "onRotateStart", 0},
+    {"GD", "gesture_down", "onGestureDown", 250}, {"GP", "gesture_press", "onGesturePress", 100},
+    {"GT", "gesture_tap", "onGestureTap", 7000},  {"GS", "gesture_scroll", "onGestureScroll", 100},
+    {"GF", "gesture_fling", "onGestureFling", 100},
+    {"GL", "gesture_long_press", "onGestureLongPress", 100},
 };
+// clang-format on
 
-const char* const kGestureOf[EvCount] = {nullptr,         nullptr,
-                                         nullptr,         nullptr,
-                                         nullptr,         nullptr,
-                                         nullptr,         nullptr,
-                                         nullptr,         nullptr,
-                                         nullptr,         nullptr,
-                                         nullptr,         nullptr,
-                                         nullptr,         nullptr,
-                                         "gesture_down",  "gesture_press",
-                                         "gesture_tap",   "gesture_scroll",
-                                         "gesture_fling", "gesture_long_press",
-                                         nullptr};
-
-// Columns: reset, launch, start, run, scale, listview_scroll, listview_fling, rotate, gesture_*.
-// "g:X" is OrvRun's gesture move (T, ->X, +arm); "own" marks the gesture column's M.
-const char* const kTable[EvCount][9] = {
-    /* Reset      */ {"-", "R", "R", "R", "R", "R", "R", "R", "R"},
-    /* Launch     */
-    {"=>launch", "L", "L", "=>launch", "=>launch", "=>launch", "=>launch", "=>launch", "T=>launch"},
-    /* Start      */ {"=>start", "S", "S", "S", "S", "S", "S", "S", "GS"},
-    /* Displayed  */ {"-", "->run", "->run", "P", "P", "P", "P", "P", "GP"},
-    /* ScaleStart */ {"-", "D", "D", "->scale", "D", "D", "D", "D", "T->scale"},
-    /* ScaleEnd   */ {"-", "D", "D", "D", "->run", "D", "D", "D", "D"},
-    /* ListScroll */
-    {"-", "D", "D", "->listview_scroll", "->listview_scroll", "D", "D", "D", "T->listview_scroll"},
-    /* ListFling  */
-    {"-", "D", "D", "->listview_fling", "->listview_fling", "->listview_fling", "D", "D",
-     "T->listview_fling"},
-    /* ListIdle   */ {"-", "D", "D", "D", "D", "->run", "->run", "I", "D"},
-    /* Transit    */ {"=>run", "X", "X", "Y", "Y", "Y", "Y", "Y", "GY"},
-    /* RotStart   */ {"-", "W", "W", "rot", "rot", "rot", "rot", "W", "Trot"},
-    /* RotStop    */ {"-", "W", "W", "W", "W", "W", "W", "run", "W"},
-    /* Attach     */ {"-", "G", "G", "A", "A", "A", "A", "A", "A"},
-    /* ProcStart  */ {"-", "-", "-", "-", "-", "-", "-", "-", "-"},
-    /* ScreenOff  */ {"off", "F", "F", "F", "F", "F", "F", "F", "F"},
-    /* ScreenOn   */ {"on", "N", "N", "N", "N", "N", "N", "N", "N"},
-    /* GDown      */ {"-", "W", "W", "g:gesture_down", "W", "-", "-", "W", "own"},
-    /* GPress     */ {"-", "W", "W", "g:gesture_press", "W", "W", "W", "W", "own"},
-    /* GTap       */ {"-", "W", "W", "g:gesture_tap", "W", "W", "W", "W", "own"},
-    /* GScroll    */ {"-", "W", "W", "g:gesture_scroll", "W", "-", "-", "W", "own"},
-    /* GFling     */ {"-", "W", "W", "g:gesture_fling", "W", "-", "-", "W", "own"},
-    /* GLongPress */ {"-", "W", "W", "g:gesture_long_press", "W", "W", "W", "W", "own"},
-    /* Timeout    */ {"W", "W", "W", "W", "W", "W", "W", "W", "run"},
+// One cell per column: reset launch start run scale listview_scroll listview_fling rotate, then one
+// for all gesture states. A cell is "ops[:state]", split as "same app/other app" where they differ.
+// Ops in order: c cancel timer, p/t take the pid/tid, w "ignored" warning, x "reset" warning,
+// r reset, f/n screen off/on, m move (nothing when already there), s app switch, a arm timer.
+struct Row {
+    const char* op;
+    bool app;
+    const char* cells;
+    void (*fire)(OrvContext&, const Args&);
 };
-
-const char* const kStates[] = {"reset",          "launch",
-                               "start",          "run",
-                               "scale",          "listview_scroll",
-                               "listview_fling", "rotate",
-                               "gesture_down",   "gesture_press",
-                               "gesture_tap",    "gesture_scroll",
-                               "gesture_fling",  "gesture_long_press"};
-
-int columnOf(const std::string& state) {
-    static const std::map<std::string, int> cols = {
-        {"reset", 0}, {"launch", 1},          {"start", 2},          {"run", 3},
-        {"scale", 4}, {"listview_scroll", 5}, {"listview_fling", 6}, {"rotate", 7}};
-    auto it = cols.find(state);
-    return it == cols.end() ? 8 : it->second;
-}
-
-// com.a's gesture time-outs in the small policy; every other application gets the default.
-int timeoutOf(const std::string& app, const std::string& state) {
-    if (app == "com.a" && state == "gesture_down") return 250;
-    if (app == "com.a" && state == "gesture_tap") return 7000;
-    return 100;
-}
+// clang-format off
+const Row kRows[] = {
+    {"onReset",            0, "- r r r r r r r r",                            ON(mState->onReset(&c))},
+    {"onLaunch",           1, "s:L L L s:L s:L s:L s:L s:L cs:L",             ON(onLaunch(a.n))},
+    {"onStart",            1, "s:S S S S S S S S cptm:R/cs:S",                ON(onStart(a.n, a.pid, a.tid))},
+    {"onDisplayed",        1, "- pm:R/r pm:R/r P P P P P cpm:R/c",            ON(onDisplayed(a.n, a.pid))},
+    {"onScaleStart",       1, "- D D pm:C/r D D D D cpm:C/cr",                ON(onScaleStart(a.n, a.pid))},
+    {"onScaleEnd",         1, "- D D D pm:R/r D D D D",                       ON(onScaleEnd(a.n, a.pid))},
+    {"onListScroll",       1, "- D D pm:LS/r pm:LS/r D D D cpm:LS/cr",        ON(onListScroll(a.n, a.pid))},
+    {"onListFling",        1, "- D D pm:LF/r pm:LF/r pm:LF/r D D cpm:LF/cr",  ON(onListFling(a.n, a.pid))},
+    {"onListIdle",         1, "- D D D D pm:R/r pm:R/r p/r D",                ON(onListIdle(a.n, a.pid))},
+    {"onTransit",          1, "s:R X X Y Y Y Y Y cptm:R/cs:R",                ON(onTransit(4242, "com.from", a.pid, a.n, a.tid))},
+    {"onRotateStart",      0, "- w w m:O m:O m:O m:O w cm:O",                 ON(onRotateStart())},
+    {"onRotateStop",       0, "- w w w w w w m:R w",                          ON(onRotateStop())},
+    {"onAttachGLThread",   1, "- X X A A A A A A",                            ON(onAttachGLThread(a.n, a.pid, a.tid))},
+    {"onProcStart",        1, "- - - - - - - - -",                            ON(mState->onProcStart(&c, a.n, a.pid))},
+    {"onScreenOff",        0, "f fr fr fr fr fr fr fr fr",                    ON(onScreenOff())},
+    {"onScreenOn",         0, "n nr nr nr nr nr nr nr nr",                    ON(onScreenOn())},
+    {"onGestureDown",      1, "- w w cpma:GD/cr w - - w cpma:GD/cr",          ON(onGestureDown(a.n, a.pid))},
+    {"onGesturePress",     1, "- w w cpma:GP/cr w w w w cpma:GP/cr",          ON(onGesturePress(a.n, a.pid))},
+    {"onGestureTap",       1, "- w w cpma:GT/cr w w w w cpma:GT/cr",          ON(onGestureTap(a.n, a.pid))},
+    {"onGestureScroll",    1, "- w w cpma:GS/cr w - - w cpma:GS/cr",          ON(onGestureScroll(a.n, a.pid))},
+    {"onGestureFling",     1, "- w w cpma:GF/cr w - - w cpma:GF/cr",          ON(onGestureFling(a.n, a.pid))},
+    {"onGestureLongPress", 1, "- w w cpma:GL/cr w w w w cpma:GL/cr",          ON(onGestureLongPress(a.n, a.pid))},
+    {"onTimeout",          0, "w w w w w w w w m:R",                          ON(onTimeout())},
+};
+const std::map<std::string, std::string> kAlias = {{"D", "pw/xr"}, {"A", "pt/xr"}, {"X", "pt/r"},
+    {"S", "pt/s:S"}, {"Y", "pt/s:R"}, {"P", "p/-"}, {"L", "xr"}};
+// clang-format on
 
 struct Snap {
     std::string state, app;
-    int pid, tid;
-    bool screen;
-    int timeout;
-    bool operator==(const Snap& o) const {
-        return state == o.state && app == o.app && pid == o.pid && tid == o.tid &&
-               screen == o.screen && timeout == o.timeout;
-    }
+    int pid, tid, screen, timeout;
 };
-
-std::ostream& operator<<(std::ostream& os, const Snap& s) {
-    return os << s.state << " app=" << s.app << " pid=" << s.pid << " tid=" << s.tid
-              << " screen=" << s.screen << " timeout=" << s.timeout;
+std::string ids(const Snap& s) {
+    return s.app + ", " + std::to_string(s.pid) + ", " + std::to_string(s.tid) + ", " + s.state;
 }
-
-Snap snap(OrvContext& ctx) {
-    return {ctx.mState->getStateNameStr(),
-            ctx.mAppName,
-            ctx.mPid,
-            ctx.mGLTid,
-            ctx.mIsScreenOn,
-            ctx.mTimeout};
+std::string str(const Snap& s) {
+    return ids(s) + (s.screen ? " on " : " off ") + std::to_string(s.timeout);
+}
+Snap snap(OrvContext& c) {
+    return {c.mState->getStateNameStr(), c.mAppName, c.mPid, c.mGLTid, c.mIsScreenOn, c.mTimeout};
 }
 
 struct Outcome {
     Snap after;
-    std::vector<std::string> actions;
-    std::vector<std::string> warnings;  // tag "OrvState"
-    std::vector<std::string> timer;     // "reset timer" / "set timer(N ms)"
-};
-
-std::string appSwitch(const Snap& from, const std::string& app, int pid, int tid,
-                      const std::string& state) {
-    char line[512];
-    snprintf(line, sizeof(line), "APP-SWITCH from[%s, %d, %d, %s] to[%s, %d, %d, %s] event[]",
-             from.app.c_str(), from.pid, from.tid, from.state.c_str(), app.c_str(), pid, tid,
-             state.c_str());
-    return line;
-}
-
-std::string stateChange(const Snap& s, const std::string& to) {
-    char line[512];
-    snprintf(line, sizeof(line), "STATE-CHANGE from[%s, %d, %d, %s] to[%s, %d, %d, %s] event[]",
-             s.app.c_str(), s.pid, s.tid, s.state.c_str(), s.app.c_str(), s.pid, s.tid, to.c_str());
-    return line;
-}
-
-struct Args {
-    std::string name;
-    int pid, tid;
+    std::vector<std::string> actions, warnings, timer;
 };
 
 // What the table says about one cell, worked out independently of the state classes.
-Outcome expect(const Snap& b, Ev ev, const Args& a, const std::string& cell) {
-    Outcome o{b, {}, {}, {}};
-    std::string mark = cell;
-    bool same = a.name == b.app;
-    std::string ignored =
-        std::string("unexpected ") + kEvents[ev].op + " event is ignored by default.";
-    std::string resetLine =
-        std::string("unexpected ") + kEvents[ev].op + " event causes state reset by default.";
-
-    auto reset = [&](bool screen) {
-        o.actions.push_back(appSwitch(o.after, "", -1, -1, "reset"));
-        o.after = {"reset", "", -1, -1, screen, 0};
+Outcome expect(Snap s, const Row& ev, const Args& a, std::string cell) {
+    if (kAlias.count(cell)) cell = kAlias.at(cell);
+    size_t slash = cell.find('/'), colon;
+    if (slash != std::string::npos)
+        cell = a.n == s.app ? cell.substr(0, slash) : cell.substr(slash + 1);
+    static const St kNone{"", "?", "", 0};  // a target-less move or switch then fails visibly
+    const St* to = &kNone;
+    if ((colon = cell.find(':')) != std::string::npos)
+        for (const St& st : kStates)
+            if (cell.substr(colon + 1) == st.key) to = &st;
+    const bool launch = std::string(to->name) == "launch";
+    const std::string op = ev.op;
+    Outcome o;
+    auto record = [&](const char* kind, const Snap& next) {
+        o.actions.push_back(std::string(kind) + " from[" + ids(s) + "] to[" + ids(next) +
+                            "] event[]");
+        s = next;
     };
-    auto switchTo = [&](const std::string& state, int pid, int tid) {
-        o.actions.push_back(appSwitch(o.after, a.name, pid, tid, state));
-        o.after = {state, a.name, pid, tid, o.after.screen, 0};
-    };
-    auto move = [&](const std::string& state) {
-        o.actions.push_back(stateChange(o.after, state));
-        o.after.state = state;
-        o.after.timeout = columnOf(state) == 8 ? timeoutOf(o.after.app, state) : 0;
-    };
-    auto cancel = [&] { o.timer.push_back("reset timer"); };
-    auto arm = [&] { o.timer.push_back("set timer(" + std::to_string(o.after.timeout) + " ms)"); };
-
-    if (mark.rfind("T", 0) == 0) {
-        cancel();
-        mark = mark.substr(1);
+    // clang-format off
+    for (char c : cell.substr(0, colon)) {
+        switch (c) {
+            case '-': break;
+            case 'c': o.timer.push_back("reset timer"); break;
+            case 'p': s.pid = a.pid; break;
+            case 't': s.tid = a.tid; break;
+            case 'w': o.warnings.push_back("unexpected " + op + " event is ignored by default."); break;
+            case 'x': o.warnings.push_back("unexpected " + op + " event causes state reset by default."); break;
+            case 'f': case 'n': s.screen = c == 'n'; break;
+            case 'r': record("APP-SWITCH", {"reset", "", -1, -1, s.screen, 0}); break;
+            case 's': record("APP-SWITCH", {to->name, a.n, launch ? -1 : a.pid, launch ? -1 : a.tid, s.screen, 0}); break;
+            case 'm': if (s.state != to->name) record("STATE-CHANGE", {to->name, s.app, s.pid, s.tid, s.screen, to->ms}); break;
+            case 'a': o.timer.push_back("set timer(" + std::to_string(s.timeout) + " ms)"); break;
+            default: ADD_FAILURE() << "bad cell " << cell;
+        }
     }
-    if (mark == "-") {
-    } else if (mark == "W") {
-        o.warnings.push_back(ignored);
-    } else if (mark == "R") {
-        reset(true);
-    } else if (mark == "L") {
-        o.warnings.push_back(resetLine);
-        reset(true);
-    } else if (mark == "D") {
-        if (same) {
-            o.after.pid = a.pid;
-            o.warnings.push_back(ignored);
-        } else {
-            o.warnings.push_back(resetLine);
-            reset(true);
-        }
-    } else if (mark == "A" || mark == "G" || mark == "X" || mark == "S" || mark == "I") {
-        if (same) {
-            o.after.pid = a.pid;
-            if (mark != "I") o.after.tid = a.tid;
-        } else if (mark == "S") {
-            switchTo("start", a.pid, a.tid);
-        } else {
-            if (mark == "A") o.warnings.push_back(resetLine);
-            reset(true);
-        }
-    } else if (mark == "Y") {
-        if (same) {
-            o.after.pid = a.pid;
-            o.after.tid = a.tid;
-        } else {
-            switchTo("run", a.pid, a.tid);
-        }
-    } else if (mark == "P") {
-        if (same) o.after.pid = a.pid;
-    } else if (mark == "GS" || mark == "GY" || mark == "GP") {
-        cancel();
-        if (same) {
-            o.after.pid = a.pid;
-            if (mark != "GP") o.after.tid = a.tid;
-            move("run");
-        } else if (mark != "GP") {
-            switchTo(mark == "GS" ? "start" : "run", a.pid, a.tid);
-        }
-    } else if (mark.rfind("->", 0) == 0) {
-        if (same) {
-            o.after.pid = a.pid;
-            move(mark.substr(2));
-        } else {
-            reset(true);
-        }
-    } else if (mark.rfind("=>", 0) == 0) {
-        std::string to = mark.substr(2);
-        if (to == "launch") {
-            switchTo(to, -1, -1);
-        } else {
-            switchTo(to, a.pid, a.tid);
-        }
-    } else if (mark == "rot" || mark == "run") {
-        move(mark == "rot" ? "rotate" : "run");
-    } else if (mark == "F" || mark == "N") {
-        o.after.screen = mark == "N";
-        reset(mark == "N");
-    } else if (mark == "off" || mark == "on") {
-        o.after.screen = mark == "on";
-    } else if (mark.rfind("g:", 0) == 0) {
-        cancel();
-        if (same) {
-            o.after.pid = a.pid;
-            move(mark.substr(2));
-            arm();
-        } else {
-            reset(true);
-        }
-    } else if (mark == "own") {
-        cancel();
-        if (same) {
-            o.after.pid = a.pid;
-            arm();
-        } else {
-            reset(true);
-        }
-    } else {
-        ADD_FAILURE() << "unknown mark " << mark;
-    }
+    // clang-format on
+    o.after = s;
     return o;
 }
 
-void apply(OrvContext& ctx, Ev ev, const Args& a) {
-    const char* n = a.name.c_str();
-    switch (ev) {
-        case Reset:
-            ctx.mState->onReset(&ctx);
-            break;
-        case Launch:
-            ctx.onLaunch(n);
-            break;
-        case Start:
-            ctx.onStart(n, a.pid, a.tid);
-            break;
-        case Displayed:
-            ctx.onDisplayed(n, a.pid);
-            break;
-        case ScaleStart:
-            ctx.onScaleStart(n, a.pid);
-            break;
-        case ScaleEnd:
-            ctx.onScaleEnd(n, a.pid);
-            break;
-        case ListScroll:
-            ctx.onListScroll(n, a.pid);
-            break;
-        case ListFling:
-            ctx.onListFling(n, a.pid);
-            break;
-        case ListIdle:
-            ctx.onListIdle(n, a.pid);
-            break;
-        case Transit:
-            ctx.onTransit(4242, "com.from", a.pid, n, a.tid);
-            break;
-        case RotateStart:
-            ctx.onRotateStart();
-            break;
-        case RotateStop:
-            ctx.onRotateStop();
-            break;
-        case Attach:
-            ctx.onAttachGLThread(n, a.pid, a.tid);
-            break;
-        case ProcStart:
-            ctx.mState->onProcStart(&ctx, n, a.pid);
-            break;
-        case ScreenOff:
-            ctx.onScreenOff();
-            break;
-        case ScreenOn:
-            ctx.onScreenOn();
-            break;
-        case GDown:
-            ctx.onGestureDown(n, a.pid);
-            break;
-        case GPress:
-            ctx.onGesturePress(n, a.pid);
-            break;
-        case GTap:
-            ctx.onGestureTap(n, a.pid);
-            break;
-        case GScroll:
-            ctx.onGestureScroll(n, a.pid);
-            break;
-        case GFling:
-            ctx.onGestureFling(n, a.pid);
-            break;
-        case GLongPress:
-            ctx.onGestureLongPress(n, a.pid);
-            break;
-        case Timeout:
-            ctx.onTimeout();
-            break;
-        case EvCount:
-            break;
-    }
+// From a fresh context into `st` for com.a (pid 100, GL tid 7).
+void driveTo(OrvContext& c, const St& st) {
+    std::string name = st.name;
+    if (name == "launch") c.onLaunch("com.a");
+    if (name == "reset" || name == "launch") return;
+    c.onStart("com.a", 100, 7);
+    if (name != "start") c.onDisplayed("com.a", 100);
+    for (const Row& r : kRows)
+        if (std::string(r.op) == st.via) r.fire(c, {"com.a", 100, 7});
 }
 
-// Drives a fresh context from reset into `state` for com.a (pid 100, GL tid 7).
-void driveTo(OrvContext& ctx, const std::string& state) {
-    if (state == "reset") return;
-    if (state == "launch") {
-        ctx.onLaunch("com.a");
-        return;
-    }
-    ctx.onStart("com.a", 100, 7);
-    if (state == "start") return;
-    ctx.onDisplayed("com.a", 100);
-    const std::map<std::string, std::function<void()>> last = {
-        {"run", [] {}},
-        {"scale", [&] { ctx.onScaleStart("com.a", 100); }},
-        {"listview_scroll", [&] { ctx.onListScroll("com.a", 100); }},
-        {"listview_fling", [&] { ctx.onListFling("com.a", 100); }},
-        {"rotate", [&] { ctx.onRotateStart(); }},
-        {"gesture_down", [&] { ctx.onGestureDown("com.a", 100); }},
-        {"gesture_press", [&] { ctx.onGesturePress("com.a", 100); }},
-        {"gesture_tap", [&] { ctx.onGestureTap("com.a", 100); }},
-        {"gesture_scroll", [&] { ctx.onGestureScroll("com.a", 100); }},
-        {"gesture_fling", [&] { ctx.onGestureFling("com.a", 100); }},
-        {"gesture_long_press", [&] { ctx.onGestureLongPress("com.a", 100); }},
-    };
-    last.at(state)();
-}
-
-std::vector<std::string> timerLines(const orvtest::LogCapture& log) {
-    std::vector<std::string> out;
-    for (const auto& t : log.texts("OrvTimer"))
-        if (t == "reset timer" || t.rfind("set timer(", 0) == 0) out.push_back(t);
-    return out;
-}
-
-class StateTableTest : public ::testing::TestWithParam<const char*> {};
+class StateTableTest : public ::testing::TestWithParam<int> {};
 
 TEST_P(StateTableTest, EveryEventMatchesTheTable) {
-    ScenarioEnv env;
-    ASSERT_TRUE(env.ready());
-    const std::string state = GetParam();
-    const int col = columnOf(state);
-
-    for (int e = 0; e < EvCount; ++e) {
-        Ev ev = static_cast<Ev>(e);
-        std::vector<Args> variants;
-        if (kEvents[ev].hasApp) {
-            variants = {{"com.a", 101, 9}, {"com.b", 200, 8}};
-        } else {
-            variants = {{"", 0, 0}};
-        }
+    orvtest::ScenarioEnv env;
+    ASSERT_TRUE(env.ready);
+    const St& st = kStates[GetParam()];
+    for (const Row& ev : kRows) {
+        std::istringstream cells(ev.cells);
+        std::string cell;
+        for (int i = 0; i <= std::min(GetParam(), 8); ++i) cells >> cell;
+        std::vector<Args> variants = {{"", 0, 0}};
+        if (ev.app) variants = {{"com.a", 101, 9}, {"com.b", 200, 8}};
         for (const Args& a : variants) {
-            SCOPED_TRACE(std::string(state) + " x " + kEvents[ev].op + "(" + a.name + ")");
+            SCOPED_TRACE(std::string(st.name) + " x " + ev.op + "(" + a.n + ") cell " + cell);
             OrvContext ctx;
-            ctx.mActionManager = env.manager();
-            driveTo(ctx, state);
-            ASSERT_EQ(state, ctx.mState->getStateNameStr());
+            ctx.mActionManager = env.manager;
+            driveTo(ctx, st);
+            ASSERT_EQ(std::string(st.name), ctx.mState->getStateNameStr());
             ASSERT_TRUE(env.sync());
-            env.log().clear();
-
-            Snap before = snap(ctx);
-            std::string cell = kTable[ev][col];
-            if (cell == "own" && kGestureOf[ev] != state) {
-                cell = kTable[ev][columnOf("run")];  // another gesture: as in run
-            }
-            Outcome want = expect(before, ev, a, cell);
-            apply(ctx, ev, a);
+            env.log.clear();
+            Outcome want = expect(snap(ctx), ev, a, cell);
+            ev.fire(ctx, a);
             ASSERT_TRUE(env.sync());
-
-            EXPECT_EQ(want.after, snap(ctx)) << "cell " << cell;
-            EXPECT_EQ(want.actions, env.actions()) << "cell " << cell;
-            EXPECT_EQ(want.warnings, env.log().texts("OrvState")) << "cell " << cell;
-            EXPECT_EQ(want.timer, timerLines(env.log())) << "cell " << cell;
+            std::vector<std::string> timer;
+            for (const auto& t : env.log.texts("OrvTimer"))
+                if (t == "reset timer" || t.rfind("set timer(", 0) == 0) timer.push_back(t);
+            EXPECT_EQ(str(want.after), str(snap(ctx)));
+            EXPECT_EQ(want.actions, env.actions());
+            EXPECT_EQ(want.warnings, env.log.texts("OrvState"));
+            EXPECT_EQ(want.timer, timer);
         }
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(AllStates, StateTableTest, ::testing::ValuesIn(kStates),
-                         [](const ::testing::TestParamInfo<const char*>& info) {
-                             return std::string(info.param);
-                         });
+INSTANTIATE_TEST_SUITE_P(AllStates, StateTableTest, ::testing::Range(0, 14),
+                         [](const testing::TestParamInfo<int>& i) { return kStates[i.param].name; });
 
 }  // namespace
