@@ -1,99 +1,85 @@
 // Action sets run for app switches and state changes, references, groups, bookkeeping, dumps.
 #include <atomic>
-#include <functional>
 #include <thread>
 
 #include "PolicyTestSupport.h"
 
-using policytest::xfs;
-using Action = OrvActionManager::OrvAction;
+using namespace policytest;
 
 namespace {
 
-class ExecutionTest : public policytest::PolicyTest {
-protected:
-    // Every app × state × key writes "<app>.<state>.<key>|"; the default reset writes "default|".
-    std::string orderDocument(const std::string& fifo) {
-        std::string apps;
-        for (const char* app : {"A", "B"}) {
-            std::string states;
-            for (const char* state : {"reset", "launch", "run"}) {
-                std::string keys;
-                for (const char* key : {"on_exit", "on_enter", "policy"}) {
-                    std::string mark = std::string(app) + "." + state + "." + key + "|";
-                    keys += std::string(keys.empty() ? "" : ",") + "\"" + key + "\":[" +
-                            xfs(fifo, mark) + "]";
-                }
-                states +=
-                    std::string(states.empty() ? "" : ",") + "\"" + state + "\":{" + keys + "}";
-            }
-            apps += std::string(apps.empty() ? "" : ",") + "\"" + app + "\":{\"action\":{" +
-                    states + "}}";
-        }
-        return R"({"parser":"v1.0","version":"v1","default":{"action":{"reset":{"policy":[)" +
-               xfs(fifo, "default|") + "]}}},\"applications\":{" + apps + "}}";
+// Every app × state × key writes "<app>.<state>.<key>|"; the default reset writes "default|".
+std::string orderDocument(const std::string& fifo) {
+    const char* const keys =
+        R"({"on_exit":[<#.on_exit|>],"on_enter":[<#.on_enter|>],"policy":[<#.policy|>]})";
+    std::string apps;
+    for (std::string app : {"A", "B"}) {
+        std::string states;
+        for (std::string state : {"reset", "launch", "run"})
+            states += ",\"" + state + "\":" + marks(keys, fifo, app + "." + state);
+        apps += ",\"" + app + "\":{\"action\":{" + states.substr(1) + "}}";
     }
-};
+    const char* const head = R"({"parser":"v1.0","version":"v3.10",
+        "default":{"action":{"reset":{"policy":[<default|>]}}},"applications":{)";
+    return marks(head, fifo) + apps.substr(1) + "}}";
+}
+
+using ExecutionTest = PolicyTest;
 
 TEST_F(ExecutionTest, AppSwitchAndStateChangeRunTheirSetsInOrder) {
     std::string fifo = makeFifo();
     OrvActionManager* manager = start(orderDocument(fifo));
     sync(manager);
     EXPECT_EQ("default|", drainFifo());  // the policy reset at start
+    const std::string head =
+        "[ActionManager]\n   Action parser   : v1.0\n   PolicyDB version: v3.10\n"
+        "   PolicyDB parser version: v1.0\n   PolicyDB Encrypted : 0\n   Last Done Action Set: ";
+    std::string dump;
+    manager->dumpState(dump);
+    EXPECT_EQ(head + "default.action.reset.policy\n   Current Action Set  : \n", dump);
 
     struct Row {
-        std::function<Action*()> make;
-        const char* expected;
+        bool appSwitch;
+        const char *from, *fromState, *to, *toState, *expected;
     };
     const Row rows[] = {
-        {[] {
-             return new OrvActionManager::OrvAppChangeAction("A", 1, 2, "run", "B", 3, 4, "launch");
-         },
+        {true, "A", "run", "B", "launch",
          "A.run.on_exit|default|B.launch.on_enter|B.launch.policy|"},
         // Leaving "reset" skips the default reset.
-        {[] {
-             return new OrvActionManager::OrvAppChangeAction("A", 1, 2, "reset", "B", 3, 4, "run");
-         },
-         "A.reset.on_exit|B.run.on_enter|B.run.policy|"},
-        {[] { return new OrvActionManager::OrvStateChangeAction("launch", "run", "A", 1, 2); },
-         "A.launch.on_exit|A.run.on_enter|A.run.policy|"},
-        // A state change from or to "reset" is not special.
-        {[] { return new OrvActionManager::OrvStateChangeAction("run", "reset", "B", 1, 2); },
-         "B.run.on_exit|B.reset.on_enter|B.reset.policy|"},
-        {[] { return new OrvActionManager::OrvStateChangeAction("reset", "launch", "B", 1, 2); },
-         "B.reset.on_exit|B.launch.on_enter|B.launch.policy|"},
+        {true, "A", "reset", "B", "run", "A.reset.on_exit|B.run.on_enter|B.run.policy|"},
         // Unknown applications and states run nothing, but the default reset still runs.
-        {[] {
-             return new OrvActionManager::OrvAppChangeAction("X", 1, 2, "run", "Y", 3, 4, "scale");
-         },
-         "default|"},
+        {true, "X", "run", "Y", "scale", "default|"},
+        // A state change from or to "reset" is not special.
+        {false, "B", "run", "B", "reset", "B.run.on_exit|B.reset.on_enter|B.reset.policy|"},
+        {false, "B", "reset", "B", "launch", "B.reset.on_exit|B.launch.on_enter|B.launch.policy|"},
+        {false, "A", "launch", "A", "run", "A.launch.on_exit|A.run.on_enter|A.run.policy|"},
+        {false, "Z", "run", "Z", "launch", ""},
     };
-    for (const Row& row : rows) {
-        row.make()->send(manager);
+    for (const Row& r : rows) {
+        if (r.appSwitch)
+            (new AppSwitch(r.from, 1, 2, r.fromState, r.to, 3, 4, r.toState))->send(manager);
+        else
+            (new StateChange(r.fromState, r.toState, r.from, 1, 2))->send(manager);
         sync(manager);
-        EXPECT_EQ(row.expected, drainFifo());
+        EXPECT_EQ(r.expected, drainFifo());
     }
+    // Missing sets leave Last Done alone; the keyed sets keep their line feed.
+    manager->dumpState(dump);
+    EXPECT_EQ(head + "A.action.run.policy\n\n   Current Action Set  : \n", dump);
 }
 
 TEST_F(ExecutionTest, ReferencesSupplyMissingSetsAndParams) {
     std::string fifo = makeFifo();
-    OrvActionManager* manager = start(R"({"parser":"v1.0","version":"v1","applications":{
+    OrvActionManager* manager = start(marks(R"({"parser":"v1.0","version":"v1","applications":{
         "A":{"param":{"large_heap":"true","event_mask":"0110"},
-             "action":{"launch":{"on_enter":[)" +
-                                      xfs(fifo, "A.launch|") + R"(]},
-                       "run":{"on_enter":[)" +
-                                      xfs(fifo, "A.run|") + R"(]}}},
+             "action":{"launch":{"on_enter":[<A.launch|>]},"run":{"on_enter":[<A.run|>]}}},
         "B":{"param":{"event_mask":"1","reference":"A"},
-             "action":{"reference":"A","run":{"on_enter":[)" +
-                                      xfs(fifo, "B.run|") + R"(]}}},
+             "action":{"reference":"A","run":{"on_enter":[<B.run|>]}}},
         "C":{"param":{"reference":"B"},"action":{"reference":"B"}},
-        "D":{"param":{"reference":"nowhere"},"action":{"reference":"nowhere"}}}})");
-
+        "D":{"param":{"reference":"nowhere"},"action":{"reference":"nowhere"}}}})",
+                                            fifo));
     struct Row {
-        const char* app;
-        const char* state;
-        const char* written;
-        const char* fetchLine;  // the debug line naming the set and where it came from
+        const char *app, *state, *written, *fetchLine;  // the debug line naming set and source
     };
     const Row rows[] = {
         {"B", "launch", "A.launch|", "fetch B.action.launch.on_enter(reference A)"},
@@ -102,132 +88,73 @@ TEST_F(ExecutionTest, ReferencesSupplyMissingSetsAndParams) {
         {"C", "run", "B.run|", "fetch C.action.run.on_enter(reference B)"},
         {"D", "run", "", "nop (no define or reference: D.action.run.on_enter)"},
     };
-    for (const Row& row : rows) {
-        (new OrvActionManager::OrvStateChangeAction("start", row.state, row.app, 1, 2))
-            ->send(manager);
+    for (const Row& r : rows) {
+        (new StateChange("start", r.state, r.app, 1, 2))->send(manager);
         sync(manager);
-        EXPECT_EQ(row.written, drainFifo()) << row.app << " " << row.state;
-        EXPECT_TRUE(mLog.has(row.fetchLine)) << row.fetchLine;
+        EXPECT_EQ(r.written, drainFifo()) << r.app << " " << r.state;
+        EXPECT_TRUE(mLog.has(r.fetchLine)) << r.fetchLine;
     }
 
     struct ParamRow {
-        const char* app;
-        const char* param;
-        bool found;
-        const char* value;
+        const char *app, *param, *value;  // null: not found
     };
     const ParamRow params[] = {
-        {"B", "event_mask", true, "1"},     // own value wins
-        {"B", "large_heap", true, "true"},  // from A
-        {"C", "large_heap", true, "true"},  // from B, from A
-        {"B", "reference", true, "A"},      // only when asked by that name
-        {"D", "large_heap", false, ""},     // the referenced app does not exist
-        {"Z", "large_heap", false, ""},
+        {"B", "event_mask", "1"},      // own value wins
+        {"B", "large_heap", "true"},   // from A
+        {"C", "large_heap", "true"},   // from B, from A
+        {"B", "reference", "A"},       // only when asked by that name
+        {"D", "large_heap", nullptr},  // the referenced app does not exist
+        {"Z", "large_heap", nullptr},
     };
-    for (const ParamRow& row : params) {
-        std::string out;
-        EXPECT_EQ(row.found, manager->findAppParam(row.app, row.param, out))
-            << row.app << "." << row.param;
-        if (row.found) {
-            EXPECT_EQ(row.value, out);
-        }
+    for (const ParamRow& r : params) {
+        std::string out = "unset";
+        EXPECT_EQ(r.value != nullptr, manager->findAppParam(r.app, r.param, out)) << r.app;
+        EXPECT_EQ(r.value ? r.value : "unset", out) << r.app << "." << r.param;
     }
 }
 
 TEST_F(ExecutionTest, NestedGroupsRunInOrderAndNameTheirLocation) {
-    std::string fifo = makeFifo();
-    const std::string badProp = R"({"method":"prop","path":"p","type":"int","value":"5"})";
-    OrvActionManager* manager =
-        start(R"({"parser":"v1.0","version":"v1",
-        "policy_group":{
-            "boost":[)" +
-              xfs(fifo, "boost|") + "," + badProp + R"(],
-            "outer":[)" +
-              xfs(fifo, "o1|") + R"(,{"method":"group","path":"inner"},)" + xfs(fifo, "o2|") + R"(],
-            "inner":[)" +
-              xfs(fifo, "i|") + "," + badProp + R"(]},
-        "applications":{
-            "com.example.game":{"action":{"launch":{"on_enter":[{"method":"group","path":"boost"}]},
-                                          "run":{"policy":[{"method":"group","path":"outer"},
-                                                           {"method":"group","path":"none"},)" +
-              xfs(fifo, "end|") + R"(]}}},
-            "com.example.game2":{"action":{"reference":"com.example.game"}}}})");
-
-    (new OrvActionManager::OrvAppChangeAction("x", 1, 2, "reset", "com.example.game2", 3, 4,
-                                              "launch"))
-        ->send(manager);
-    (new OrvActionManager::OrvStateChangeAction("launch", "run", "com.example.game", 3, 4))
-        ->send(manager);
+    // Both groups hold a "prop" method whose value is of the wrong kind.
+    OrvActionManager* manager = start(marks(R"({"parser":"v1.0","version":"v1","policy_group":{
+        "boost":[<boost|>,{"method":"prop","path":"p","type":"int","value":"5"}],
+        "outer":[<o1|>,{"method":"group","path":"inner"},<o2|>],
+        "inner":[<i|>,{"method":"prop","path":"p","type":"int","value":"5"}]},
+      "applications":{
+        "game":{"action":{"launch":{"on_enter":[{"method":"group","path":"boost"}]},
+                          "run":{"policy":[{"method":"group","path":"outer"},
+                                           {"method":"group","path":"none"},<end|>]}}},
+        "game2":{"action":{"reference":"game"}}}})",
+                                            makeFifo()));
+    (new AppSwitch("x", 1, 2, "reset", "game2", 3, 4, "launch"))->send(manager);
+    (new StateChange("launch", "run", "game", 3, 4))->send(manager);
     sync(manager);
     EXPECT_EQ("boost|o1|i|o2|end|", drainFifo());
-    EXPECT_TRUE(
-        mLog.has("Unknown type(int). @com.example.game2.action.launch.on_enter"
-                 "(reference com.example.game)[0]boost[1]prop"));
-    EXPECT_TRUE(
-        mLog.has("Unknown type(int). @com.example.game.action.run.policy"
-                 "[0]outer[1]inner[1]prop"));
-    EXPECT_TRUE(
-        mLog.has("Cannot find policy_group.none. (fetch "
-                 "com.example.game.action.run.policy[1]group)"));
+    EXPECT_EQ(
+        "Unknown type(int). @game2.action.launch.on_enter(reference game)[0]boost[1]prop\n"
+        "Unknown type(int). @game.action.run.policy[0]outer[1]inner[1]prop",
+        errors());
+    EXPECT_TRUE(mLog.has("Cannot find policy_group.none. (fetch game.action.run.policy[1]group)"));
 }
-
-TEST_F(ExecutionTest, DumpShowsVersionsAndLastDoneSet) {
-    std::string fifo = makeFifo();
-    OrvActionManager* manager = start(R"({"parser":"v1.0","version":"v3.10",
-        "default":{"action":{"reset":{"policy":[)" +
-                                      xfs(fifo, "d|") + R"(]}}},
-        "applications":{"A":{"action":{"run":{"policy":[)" +
-                                      xfs(fifo, "p|") + R"(]}}}}})");
-    const std::string head =
-        "[ActionManager]\n"
-        "   Action parser   : v1.0\n"
-        "   PolicyDB version: v3.10\n"
-        "   PolicyDB parser version: v1.0\n"
-        "   PolicyDB Encrypted : 0\n";
-    std::string dump;
-    manager->dumpState(dump);
-    EXPECT_EQ(head +
-                  "   Last Done Action Set: default.action.reset.policy\n"
-                  "   Current Action Set  : \n",
-              dump);
-
-    (new OrvActionManager::OrvStateChangeAction("launch", "run", "A", 1, 2))->send(manager);
-    sync(manager);  // the sync action's sets are missing: Last Done stays
-    manager->dumpState(dump);
-    EXPECT_EQ(head +
-                  "   Last Done Action Set: A.action.run.policy\n\n"
-                  "   Current Action Set  : \n",
-              dump);
-}
-
-}  // namespace
-
-namespace {
 
 // Queries and dumps from another thread while actions run and grow the document.
 TEST_F(ExecutionTest, QueriesRaceWithExecution) {
-    std::string fifo = makeFifo();
-    OrvActionManager* manager = start(orderDocument(fifo));
+    OrvActionManager* manager = start(orderDocument(makeFifo()));
     std::atomic<bool> stop{false};
     std::thread listener([&] {
-        std::string out;
-        while (!stop.load()) {
-            manager->findApp("A");
+        for (std::string out; !stop.load();) {
             manager->findApp("new.app");
             manager->findAppParam("B", "large_heap", out);
             manager->dumpState(out);
         }
     });
-    for (int i = 0; i < 50; ++i) {
-        std::string app = "app" + std::to_string(i);
-        (new OrvActionManager::OrvAppChangeAction("A", 1, 2, "run", app.c_str(), 3, 4, "launch"))
+    for (int i = 0; i < 50; ++i)
+        (new AppSwitch("A", 1, 2, "run", ("app" + std::to_string(i)).c_str(), 3, 4, "launch"))
             ->send(manager);
-    }
     sync(manager);
     stop = true;
     listener.join();
     EXPECT_TRUE(manager->findApp("app49"));
-    EXPECT_EQ(std::vector<std::string>{}, errors());
+    EXPECT_EQ("", errors());
 }
 
 }  // namespace

@@ -11,23 +11,16 @@
 namespace ioctlrec {
 namespace {
 std::mutex gLock;
+struct stat gNode;
 bool gWatching = false;
-dev_t gDev;
-ino_t gIno;
-ArgKind gKind = ArgKind::Text;
 size_t gBytes = 0;
-int gRet = 0;
-int gErr = 0;
+int gRet = 0, gErr = 0;
 std::vector<Call> gCalls;
 }  // namespace
 
-void watch(const std::string& nodePath, ArgKind kind, size_t bytes) {
-    struct stat st;
+void watch(const std::string& nodePath, size_t bytes) {
     std::lock_guard<std::mutex> lock(gLock);
-    gWatching = stat(nodePath.c_str(), &st) == 0;
-    gDev = st.st_dev;
-    gIno = st.st_ino;
-    gKind = kind;
+    gWatching = stat(nodePath.c_str(), &gNode) == 0;
     gBytes = bytes;
     gCalls.clear();
 }
@@ -54,13 +47,13 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
         using namespace ioctlrec;
         struct stat st;
         std::lock_guard<std::mutex> lock(gLock);
-        if (gWatching && fstat(fd, &st) == 0 && st.st_dev == gDev && st.st_ino == gIno) {
-            Call call{fd, static_cast<uint32_t>(request), arg == nullptr, std::string()};
-            if (arg != nullptr) {
-                const char* p = static_cast<const char*>(arg);
-                call.arg = gKind == ArgKind::Text ? std::string(p) : std::string(p, gBytes);
-            }
-            gCalls.push_back(call);
+        if (gWatching && fstat(fd, &st) == 0 && st.st_dev == gNode.st_dev &&
+            st.st_ino == gNode.st_ino) {
+            const char* p = static_cast<const char*>(arg);
+            gCalls.push_back({fd, static_cast<uint32_t>(request), p == nullptr,
+                              p == nullptr ? ""
+                              : gBytes     ? std::string(p, gBytes)
+                                           : p});
             errno = gErr;
             return gRet;
         }

@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <future>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -17,47 +19,68 @@
 
 namespace policytest {
 
-inline void enableDebug() {
-    property_set("sys.orv.debug.daemon", "1");
-    OrvLogUpdateToggle();
-}
+using AppSwitch = OrvActionManager::OrvAppChangeAction;
+using StateChange = OrvActionManager::OrvStateChangeAction;
 
-// An "xfs" method object writing `text` to `path`.
 inline std::string xfs(const std::string& path, const std::string& text) {
     return R"({"method":"xfs","path":")" + path + R"(","type":"string","value":")" + text + R"("})";
 }
 
-// Started managers live until the process ends, like the daemon's own: their queue threads
-// never stop.
-inline std::vector<OrvActionManager*>& keptManagers() {
-    static auto* kept = new std::vector<OrvActionManager*>();
-    return *kept;
+// Replaces each "<text>" in `doc` with an "xfs" method writing `text` to `path`, after replacing
+// each '#' with `fill`.
+inline std::string marks(std::string doc, const std::string& path, const std::string& fill = "") {
+    for (size_t i = 0; (i = doc.find('#', i)) != std::string::npos; i += fill.size())
+        doc.replace(i, 1, fill);
+    for (size_t i; (i = doc.find('<')) != std::string::npos;) {
+        size_t end = doc.find('>', i);
+        doc.replace(i, end + 1 - i, xfs(path, doc.substr(i + 1, end - i - 1)));
+    }
+    return doc;
+}
+
+// An unprotected database on `text`.
+inline std::unique_ptr<OrvJsonActionDB> parseDB(const std::string& text) {
+    auto* root = new Json::Value();
+    EXPECT_TRUE(Json::Reader().parse(text, *root)) << text;
+    return std::make_unique<OrvJsonActionDB>(root, false);
 }
 
 class PolicyTest : public ::testing::Test {
-protected:
-    void SetUp() override { enableDebug(); }
-
-    // Writes `json` as the writable policy file and starts a manager on it.
-    OrvActionManager* start(const std::string& json) {
-        mRoot.write("data/orvpolicy", json);
-        auto* manager = new OrvActionManager();
-        keptManagers().push_back(manager);
-        EXPECT_TRUE(manager->init());
-        return manager;
+  protected:
+    void SetUp() override {
+        property_set("sys.orv.debug.daemon", "1");
+        OrvLogUpdateToggle();
+    }
+    void TearDown() override {
+        if (mFifoFd >= 0) close(mFifoFd);
     }
 
-    // Returns once everything sent before has run.
+    // Writes `text` as the writable policy file and starts a manager on it. Managers are never
+    // freed, like the daemon's: their queue threads never stop.
+    OrvActionManager* start(const std::string& text) {
+        mRoot.write("data/orvpolicy", text);
+        static auto* kept = new std::vector<OrvActionManager*>();
+        kept->push_back(new OrvActionManager());
+        EXPECT_TRUE(kept->back()->init());
+        return kept->back();
+    }
+
+    // Returns once everything sent before has finished: the queue runs one record at a time.
     void sync(OrvActionManager* manager) {
-        std::string app = "sync." + std::to_string(++mSyncCount);
-        (new OrvActionManager::OrvStateChangeAction("run", "run", app.c_str(), -1, -1))
-            ->send(manager);
-        ASSERT_TRUE(mLog.waitFor("nop (no define or reference: " + app + ".action.run.policy)"));
+        struct Marker : OrvActionManager::OrvAction {
+            explicit Marker(std::shared_ptr<std::promise<void>> done)
+                : OrvAction("", "", "", -1, -1), done(done) {}
+            void execute() override { done->set_value(); }
+            std::shared_ptr<std::promise<void>> done;  // shared: the queue frees the record
+        };
+        auto done = std::make_shared<std::promise<void>>();
+        (new Marker(done))->send(manager);
+        ASSERT_EQ(std::future_status::ready, done->get_future().wait_for(std::chrono::seconds(10)));
     }
 
-    // A FIFO that "xfs" methods can write to without blocking; read() drains it.
-    std::string makeFifo(const std::string& rel = "fifo") {
-        std::string path = mRoot / rel;
+    // A FIFO that "xfs" methods can write to without blocking; drainFifo() reads it.
+    std::string makeFifo() {
+        std::string path = mRoot / "fifo";
         EXPECT_EQ(0, mkfifo(path.c_str(), 0600));
         mFifoFd = open(path.c_str(), O_RDWR | O_NONBLOCK);
         EXPECT_GE(mFifoFd, 0);
@@ -66,25 +89,21 @@ protected:
     std::string drainFifo() {
         std::string out;
         char buf[4096];
-        ssize_t n;
-        while ((n = read(mFifoFd, buf, sizeof(buf))) > 0) out.append(buf, n);
+        for (ssize_t n; (n = read(mFifoFd, buf, sizeof(buf))) > 0;) out.append(buf, n);
         return out;
     }
-    void TearDown() override {
-        if (mFifoFd >= 0) close(mFifoFd);
-    }
 
-    std::vector<std::string> errors() const {
-        std::vector<std::string> out;
+    // The error lines logged so far, one per line.
+    std::string errors() const {
+        std::string out;
         for (const auto& r : mLog.records())
-            if (r.prio == ANDROID_LOG_ERROR) out.push_back(r.text);
+            if (r.prio == ANDROID_LOG_ERROR) out += (out.empty() ? "" : "\n") + r.text;
         return out;
     }
 
     orvtest::TempRoot mRoot;
     orvtest::LogCapture mLog;
     int mFifoFd = -1;
-    int mSyncCount = 0;
 };
 
 }  // namespace policytest
