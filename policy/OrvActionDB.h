@@ -12,12 +12,12 @@ class OrvIoctlCfg;
 // A policy database: the executions the action manager drives, the bookkeeping that names the
 // method being run in every log line, and the primitives the methods use.
 class OrvActionDB {
-public:
+  public:
     typedef OrvActionManager::OrvAction OrvAction;
 
     // One nesting level of what is running: an action set, then each group inside it.
     class OrvActionInfo {
-    public:
+      public:
         OrvActionInfo(int index, const char* name) : mIndex(index), mName(name ? name : "") {}
         void setName(const char* name) { mName = name ? name : ""; }
 
@@ -26,7 +26,6 @@ public:
     };
 
     explicit OrvActionDB(bool encrypted);
-    virtual ~OrvActionDB();
 
     virtual bool findApp(const char* appName) = 0;
     virtual bool findAppParam(const char* appName, const char* paramName, std::string& out) = 0;
@@ -45,6 +44,7 @@ public:
     virtual std::string getDBVersionString() = 0;
     virtual float getDBMinSupportParserVersion() = 0;
     virtual std::string getDBMinSupportParserVersionString() = 0;
+    virtual ~OrvActionDB();
 
     bool isEncrypted() const { return mEncrypted; }
 
@@ -78,7 +78,7 @@ public:
         METHOD_UNKNOWN = 6,
     };
 
-protected:
+  protected:
     // Sets the current record and key of a keyed execution.
     void setCurActionSet(OrvAction* action, const char* key, const std::string& reference);
     void setLastActionSet(const std::string& text);
@@ -94,7 +94,7 @@ protected:
     std::list<OrvActionInfo*> mActionInfoStack;
     pthread_mutex_t mInfoLock;
 
-private:
+  private:
     OrvActionDB(const OrvActionDB&) = delete;
     OrvActionDB& operator=(const OrvActionDB&) = delete;
 };

@@ -6,6 +6,10 @@
 #include "daemon/OrvLog.h"
 #include "policy/OrvActionDB.h"
 
+static const char* orEmpty(const char* text) {
+    return text ? text : "";
+}
+
 OrvActionManager::OrvActionManager() : mDB(nullptr), mNewDB(nullptr) {
     pthread_mutex_init(&mDBLock, nullptr);
     pthread_mutex_init(&mUpdateLock, nullptr);
@@ -20,41 +24,38 @@ OrvActionManager::~OrvActionManager() {
     pthread_mutex_destroy(&mUpdateLock);
 }
 
-static void logAction(OrvActionManager::OrvAction* action) {
-    if (!OrvLogIsEnabled()) return;
-    ALOGD("%s from[%s, %d, %d, %s] to[%s, %d, %d, %s] event[%s]", action->getName(),
-          action->mFromAppName.c_str(), action->mFromPid, action->mFromGLTid,
-          action->mFromStateName ? action->mFromStateName : "", action->mToAppName.c_str(),
-          action->mToPid, action->mToGLTid, action->mToStateName ? action->mToStateName : "",
-          action->mEventName ? action->mEventName : "");
-}
-
 // mDB is read without mDBLock here: only this thread replaces it, in checkUpdateDB.
-void OrvActionManager::executeAppChangeAction(OrvAction* action) {
+void OrvActionManager::runAction(OrvAction* action, bool appSwitch) {
     if (mDB == nullptr) {
-        ALOGE("executeAppChangeAction failed: No ActionDB");
+        ALOGE("%s failed: No ActionDB",
+              appSwitch ? "executeAppChangeAction" : "executeStateChangeAction");
         return;
     }
-    logAction(action);
-    mDB->executeOnExitAction(action);
-    if (action->mFromStateName == nullptr || strcmp(action->mFromStateName, "reset") != 0) {
-        mDB->executeDefaultResetAction(action);
+    if (OrvLogIsEnabled()) {
+        ALOGD("%s from[%s, %d, %d, %s] to[%s, %d, %d, %s] event[%s]", action->getName(),
+              action->mFromAppName.c_str(), action->mFromPid, action->mFromGLTid,
+              orEmpty(action->mFromStateName), action->mToAppName.c_str(), action->mToPid,
+              action->mToGLTid, orEmpty(action->mToStateName), orEmpty(action->mEventName));
     }
-    // A prepared database takes over between the old application's exit and the new one's entry.
-    checkUpdateDB();
+    mDB->executeOnExitAction(action);
+    if (appSwitch) {
+        if (strcmp(orEmpty(action->mFromStateName), "reset") != 0) {
+            mDB->executeDefaultResetAction(action);
+        }
+        // A prepared database takes over between the old application's exit and the new one's
+        // entry.
+        checkUpdateDB();
+    }
     mDB->executeOnEnterAction(action);
     mDB->executePolicyAction(action);
+}
+
+void OrvActionManager::executeAppChangeAction(OrvAction* action) {
+    runAction(action, true);
 }
 
 void OrvActionManager::executeStateChangeAction(OrvAction* action) {
-    if (mDB == nullptr) {
-        ALOGE("executeStateChangeAction failed: No ActionDB");
-        return;
-    }
-    logAction(action);
-    mDB->executeOnExitAction(action);
-    mDB->executeOnEnterAction(action);
-    mDB->executePolicyAction(action);
+    runAction(action, false);
 }
 
 void OrvActionManager::checkUpdateDB() {

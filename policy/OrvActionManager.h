@@ -11,10 +11,10 @@ class OrvActionDB;
 // Front of the policy engine: owns the policy database, runs action records on its action queue
 // and database replacements on its update queue. Lock order: mUpdateLock before mDBLock.
 class OrvActionManager {
-public:
+  public:
     // One move of the scenario state machine, executed on the action queue.
     class OrvAction : public OrvWork {
-    public:
+      public:
         // "APP-SWITCH"
         OrvAction(const char* fromApp, int fromPid, int fromGLTid, const char* fromState,
                   const char* toApp, int toPid, int toGLTid, const char* toState);
@@ -38,10 +38,15 @@ public:
         int mToGLTid;
         const char* mToStateName;
         const char* mEventName;
+
+      private:
+        OrvAction(const char* name, const char* fromApp, int fromPid, int fromGLTid,
+                  const char* fromState, const char* toApp, int toPid, int toGLTid,
+                  const char* toState, const char* event);
     };
 
     class OrvAppChangeAction : public OrvAction {
-    public:
+      public:
         OrvAppChangeAction(const char* fromApp, int fromPid, int fromGLTid, const char* fromState,
                            const char* toApp, int toPid, int toGLTid, const char* toState)
             : OrvAction(fromApp, fromPid, fromGLTid, fromState, toApp, toPid, toGLTid, toState) {}
@@ -49,7 +54,7 @@ public:
     };
 
     class OrvStateChangeAction : public OrvAction {
-    public:
+      public:
         OrvStateChangeAction(const char* fromState, const char* toState, const char* app, int pid,
                              int glTid)
             : OrvAction(fromState, toState, app, pid, glTid) {}
@@ -58,7 +63,7 @@ public:
 
     // Loads a replacement database on the update queue; it takes effect at the next app switch.
     class OrvPrepareDBUpdateWork : public OrvWork {
-    public:
+      public:
         explicit OrvPrepareDBUpdateWork(const char* path);
         void execute() override;
         ~OrvPrepareDBUpdateWork() override {}
@@ -83,7 +88,9 @@ public:
     bool findAppParam(const char* appName, const char* paramName, std::string& out);
     void dumpState(std::string& out);
 
-private:
+  private:
+    void runAction(OrvAction* action, bool appSwitch);
+
     friend class OrvAction;
     friend class OrvPrepareDBUpdateWork;
 

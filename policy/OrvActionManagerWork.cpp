@@ -13,10 +13,11 @@ static const char* orEmpty(const char* text) {
     return text ? text : "";
 }
 
-OrvActionManager::OrvAction::OrvAction(const char* fromApp, int fromPid, int fromGLTid,
-                                       const char* fromState, const char* toApp, int toPid,
-                                       int toGLTid, const char* toState)
-    : OrvWork("APP-SWITCH", true),
+OrvActionManager::OrvAction::OrvAction(const char* name, const char* fromApp, int fromPid,
+                                       int fromGLTid, const char* fromState, const char* toApp,
+                                       int toPid, int toGLTid, const char* toState,
+                                       const char* event)
+    : OrvWork(name, true),
       mFromAppName(orEmpty(fromApp)),
       mFromPid(fromPid),
       mFromGLTid(fromGLTid),
@@ -25,33 +26,21 @@ OrvActionManager::OrvAction::OrvAction(const char* fromApp, int fromPid, int fro
       mToPid(toPid),
       mToGLTid(toGLTid),
       mToStateName(toState),
-      mEventName("") {}
+      mEventName(event) {}
+
+OrvActionManager::OrvAction::OrvAction(const char* fromApp, int fromPid, int fromGLTid,
+                                       const char* fromState, const char* toApp, int toPid,
+                                       int toGLTid, const char* toState)
+    : OrvAction("APP-SWITCH", fromApp, fromPid, fromGLTid, fromState, toApp, toPid, toGLTid,
+                toState, "") {}
 
 OrvActionManager::OrvAction::OrvAction(const char* fromState, const char* toState, const char* app,
                                        int pid, int glTid)
-    : OrvWork("STATE-CHANGE", true),
-      mFromAppName(orEmpty(app)),
-      mFromPid(pid),
-      mFromGLTid(glTid),
-      mFromStateName(fromState),
-      mToAppName(orEmpty(app)),
-      mToPid(pid),
-      mToGLTid(glTid),
-      mToStateName(toState),
-      mEventName("") {}
+    : OrvAction("STATE-CHANGE", app, pid, glTid, fromState, app, pid, glTid, toState, "") {}
 
 OrvActionManager::OrvAction::OrvAction(const char* app, const char* state, int pid, int glTid,
                                        const char* event)
-    : OrvWork("EVENT", true),
-      mFromAppName(orEmpty(app)),
-      mFromPid(pid),
-      mFromGLTid(glTid),
-      mFromStateName(state),
-      mToAppName(orEmpty(app)),
-      mToPid(pid),
-      mToGLTid(glTid),
-      mToStateName(state),
-      mEventName(event) {}
+    : OrvAction("EVENT", app, pid, glTid, state, app, pid, glTid, state, event) {}
 
 void OrvActionManager::OrvAction::send(OrvActionManager* manager) {
     if (manager == nullptr) {

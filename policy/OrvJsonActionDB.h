@@ -12,7 +12,7 @@ class OrvIoctlCfg;
 
 // The policy database read from one JSON document.
 class OrvJsonActionDB : public OrvActionDB {
-public:
+  public:
     enum ActionDir {
         ACTION_DIR_NONE = -1,
         ACTION_DIR_EXIT = 0,
@@ -21,7 +21,6 @@ public:
 
     // Takes ownership of `root`.
     OrvJsonActionDB(Json::Value* root, bool encrypted);
-    ~OrvJsonActionDB() override;
 
     // Reads (and for `encrypted`, first decrypts) a policy file; null on failure.
     static OrvJsonActionDB* createDB(const char* path, bool encrypted);
@@ -43,6 +42,7 @@ public:
     std::string getDBVersionString() override;
     float getDBMinSupportParserVersion() override;
     std::string getDBMinSupportParserVersionString() override;
+    ~OrvJsonActionDB() override;
 
     // Follows "action" → "reference" until a set is found; null when none. `referenceOut` names
     // the application the set was taken from when it was not `appName` itself.
@@ -68,16 +68,30 @@ public:
     // "v1.5" gives 1.5; the first character is always taken as the prefix.
     static float parseVersion(const char* text);
 
-private:
+  private:
     // Walks members from the document root with the inserting operator[], under mDocLock. Null
     // (and one error line) when a node on the way is neither an object nor null.
     Json::Value* lookup(std::initializer_list<const char*> keys);
     std::string memberText(const char* key, const char* absent);
+    Json::Value* defaultResetSet();
     int runKeyedAction(OrvAction* action, const char* app, const char* state, const char* key,
                        ActionDir dir, const char* noDocError);
+    int runTrackedSet(OrvAction* action, const char* key, Json::Value* set,
+                      const Json::Value* reference, ActionDir dir, const std::string& last);
+    int runSequence(OrvAction* action, bool appSwitch);
+    // Runs the method objects of `set` on a new nesting level; `clearNames` empties the level's
+    // name before each element (a group's level keeps the previous method's name).
+    void runMethods(Json::Value& set, OrvAction* action, bool clearNames);
     void runSequenceSet(OrvAction* action, const char* app, const char* state, const char* key,
                         ActionDir dir);
     int stringOfValue(const Json::Value& valueObject, OrvAction* action, std::string& out);
+    // Members of a method or value object; anything but an object has none.
+    static const Json::Value& member(const Json::Value& object, const char* key);
+    // "path" of a method object as text, or null after the error line.
+    const char* methodPath(const Json::Value& methodObject);
+    // The shared start of "xfs", "prop" and "program": the path and the value as text.
+    bool pathAndText(const Json::Value& methodObject, OrvAction* action, const char*& path,
+                     std::string& text);
 
     Json::Value* mRoot;
     // Lookups grow the document; the listener's queries and the action thread both look up.

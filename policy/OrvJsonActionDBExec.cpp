@@ -19,11 +19,19 @@ int OrvJsonActionDB::runKeyedAction(OrvAction* action, const char* app, const ch
     key = orEmpty(key);
     Json::Value* reference = nullptr;
     Json::Value* set = getActionSet(app, state, key, &reference);
+    return runTrackedSet(action, key, set, reference, dir,
+                         std::string(app) + ".action." + state + "." + key + "\n");
+}
+
+// Runs `set` (null: absent) with the bookkeeping naming it; `last` is what the dump then shows.
+int OrvJsonActionDB::runTrackedSet(OrvAction* action, const char* key, Json::Value* set,
+                                   const Json::Value* reference, ActionDir dir,
+                                   const std::string& last) {
     setCurActionSet(action, key, reference ? reference->asString() : std::string());
     if (set != nullptr) {
         ORV_LOGD("fetch %s", getCurActionInfoStr().c_str());
         doActions(*set, action, dir);
-        setLastActionSet(std::string(app) + ".action." + state + "." + key + "\n");
+        setLastActionSet(last);
     } else {
         ORV_LOGD("nop (no define or reference: %s)", getCurActionInfoStr().c_str());
     }
@@ -52,19 +60,14 @@ int OrvJsonActionDB::executeEventAction(OrvAction* action) {
                           "executeEventAction failed: no DB exist");
 }
 
-int OrvJsonActionDB::executeDefaultResetAction(OrvAction* action) {
+Json::Value* OrvJsonActionDB::defaultResetSet() {
     Json::Value* set = lookup({"default", "action", "reset", "policy"});
-    if (set != nullptr && set->isNull()) set = nullptr;
-    setCurActionSet(action, "reset", std::string());
-    if (set != nullptr) {
-        ORV_LOGD("fetch %s", getCurActionInfoStr().c_str());
-        doActions(*set, action, ACTION_DIR_NONE);
-        setLastActionSet("default.action.reset.policy");
-    } else {
-        ORV_LOGD("nop (no define or reference: %s)", getCurActionInfoStr().c_str());
-    }
-    clearActionSetInfo();
-    return 0;
+    return set != nullptr && !set->isNull() ? set : nullptr;
+}
+
+int OrvJsonActionDB::executeDefaultResetAction(OrvAction* action) {
+    return runTrackedSet(action, "reset", defaultResetSet(), nullptr, ACTION_DIR_NONE,
+                         "default.action.reset.policy");
 }
 
 void OrvJsonActionDB::executePolicyReset() {
@@ -91,16 +94,15 @@ void OrvJsonActionDB::runSequenceSet(OrvAction* action, const char* app, const c
     setLastActionSet(std::string(app) + ".action." + state + "." + key + "\n");
 }
 
-int OrvJsonActionDB::executeAppChangeAction(OrvAction* action) {
+int OrvJsonActionDB::runSequence(OrvAction* action, bool appSwitch) {
     if (mRoot == nullptr) {
         ALOGE("no DB exist (null root)");
         return -1;
     }
     runSequenceSet(action, action->mFromAppName.c_str(), action->mFromStateName, "on_exit",
                    ACTION_DIR_EXIT);
-    if (strcmp(orEmpty(action->mFromStateName), "reset") != 0) {
-        Json::Value* set = lookup({"default", "action", "reset", "policy"});
-        if (set != nullptr && !set->isNull()) {
+    if (appSwitch && strcmp(orEmpty(action->mFromStateName), "reset") != 0) {
+        if (Json::Value* set = defaultResetSet()) {
             ORV_LOGD("fetch default.action.reset.policy");
             doActions(*set, action, ACTION_DIR_NONE);
             setLastActionSet("default.action.reset.policy");
@@ -115,33 +117,32 @@ int OrvJsonActionDB::executeAppChangeAction(OrvAction* action) {
     return 0;
 }
 
+int OrvJsonActionDB::executeAppChangeAction(OrvAction* action) {
+    return runSequence(action, true);
+}
+
 int OrvJsonActionDB::executeStateChangeAction(OrvAction* action) {
-    if (mRoot == nullptr) {
-        ALOGE("no DB exist (null root)");
-        return -1;
-    }
-    runSequenceSet(action, action->mFromAppName.c_str(), action->mFromStateName, "on_exit",
-                   ACTION_DIR_EXIT);
-    runSequenceSet(action, action->mToAppName.c_str(), action->mToStateName, "on_enter",
-                   ACTION_DIR_ENTER);
-    runSequenceSet(action, action->mToAppName.c_str(), action->mToStateName, "policy",
-                   ACTION_DIR_ENTER);
-    return 0;
+    return runSequence(action, false);
 }
 
 int OrvJsonActionDB::doActions(Json::Value& set, OrvAction* action, ActionDir /*dir*/) {
+    runMethods(set, action, true);
+    return 0;
+}
+
+// Arrays are never grown by lookups, so iterating one without mDocLock is safe.
+void OrvJsonActionDB::runMethods(Json::Value& set, OrvAction* action, bool clearNames) {
     if (!set.isArray()) {
         ALOGE("Invalid action set (not an array) %s", getCurActionInfoStr().c_str());
-        return 0;
+        return;
     }
     OrvActionInfo info(0, "");
     pushActionInfo(&info);
     for (Json::ArrayIndex i = 0; i < set.size(); ++i) {
-        setCurActionIndex(static_cast<int>(i), true);
+        setCurActionIndex(static_cast<int>(i), clearNames);
         doAction(set[i], action);
     }
     popActionInfo();
-    return 0;
 }
 
 int OrvJsonActionDB::doAction(Json::Value& methodObject, OrvAction* action) {
@@ -149,7 +150,7 @@ int OrvJsonActionDB::doAction(Json::Value& methodObject, OrvAction* action) {
         ALOGE("Invalid action (not an object) %s", getCurActionInfoStr().c_str());
         return 1;
     }
-    const Json::Value& method = static_cast<const Json::Value&>(methodObject)["method"];
+    const Json::Value& method = member(methodObject, "method");
     if (method.isNull()) {
         ALOGE("Invalid action (no method) %s", getCurActionInfoStr().c_str());
         return 1;
@@ -158,72 +159,41 @@ int OrvJsonActionDB::doAction(Json::Value& methodObject, OrvAction* action) {
         ALOGE("Invalid action (method is not a string) %s", getCurActionInfoStr().c_str());
         return 1;
     }
+    // By method type; the current level is named after the method text, which matched exactly.
+    typedef void (OrvJsonActionDB::*Handler)(Json::Value&, OrvAction*);
+    static const Handler kHandlers[METHOD_UNKNOWN] = {
+        &OrvJsonActionDB::doXfsAction,     &OrvJsonActionDB::doOrvIoctlAction,
+        &OrvJsonActionDB::doIoctlAction,   &OrvJsonActionDB::doSetPropAction,
+        &OrvJsonActionDB::doProgramAction, &OrvJsonActionDB::doGroupAction,
+    };
     const char* name = method.asCString();
-    switch (getMethodType(name)) {
-        case METHOD_XFS:
-            setCurActionInfo("xfs");
-            doXfsAction(methodObject, action);
-            break;
-        case METHOD_ORV_IOCTL:
-            setCurActionInfo("orv_ioctl");
-            doOrvIoctlAction(methodObject, action);
-            break;
-        case METHOD_IOCTL:
-            setCurActionInfo("ioctl");
-            doIoctlAction(methodObject, action);
-            break;
-        case METHOD_PROP:
-            setCurActionInfo("prop");
-            doSetPropAction(methodObject, action);
-            break;
-        case METHOD_PROGRAM:
-            setCurActionInfo("program");
-            if (mEncrypted) {
-                doProgramAction(methodObject, action);
-            } else {
-                ALOGE("\"program\" method only support with encrypted policy DB @%s",
-                      getCurActionInfoStr().c_str());
-            }
-            break;
-        case METHOD_GROUP:
-            setCurActionInfo("group");
-            doGroupAction(methodObject, action);
-            break;
-        default:
-            setCurActionInfo("(unknown)");
-            ALOGE("Unknown method(%s)", name);
-            break;
+    int type = getMethodType(name);
+    if (type == METHOD_UNKNOWN) {
+        setCurActionInfo("(unknown)");
+        ALOGE("Unknown method(%s)", name);
+        return 0;
     }
+    setCurActionInfo(name);
+    if (type == METHOD_PROGRAM && !mEncrypted) {
+        ALOGE("\"program\" method only support with encrypted policy DB @%s",
+              getCurActionInfoStr().c_str());
+        return 0;
+    }
+    const Handler handler = kHandlers[type];
+    (this->*handler)(methodObject, action);
     return 0;
 }
 
 void OrvJsonActionDB::doGroupAction(Json::Value& methodObject, OrvAction* action) {
-    const Json::Value& path = static_cast<const Json::Value&>(methodObject)["path"];
-    if (!path.isString()) {
-        ALOGE("path type is not a string. (fetch %s)", getCurActionInfoStr().c_str());
-        return;
-    }
-    std::string name = path.asString();
-    Json::Value* found = lookup({"policy_group", name.c_str()});
-    if (found == nullptr || found->isNull()) {
+    const char* name = methodPath(methodObject);
+    if (name == nullptr) return;
+    Json::Value* group = lookup({"policy_group", name});
+    if (group == nullptr || group->isNull()) {
         if (OrvLogIsEnabled()) {
-            ALOGD("Cannot find policy_group.%s. (fetch %s)", name.c_str(),
-                  getCurActionInfoStr().c_str());
+            ALOGD("Cannot find policy_group.%s. (fetch %s)", name, getCurActionInfoStr().c_str());
         }
         return;
     }
-    setCurActionInfo(name.c_str());
-    if (!found->isArray()) {
-        ALOGE("Invalid action set (not an array) %s", getCurActionInfoStr().c_str());
-        return;
-    }
-    // Groups are arrays, which lookups never grow, so iterating without mDocLock is safe.
-    Json::Value& group = *found;
-    OrvActionInfo info(0, "");
-    pushActionInfo(&info);
-    for (Json::ArrayIndex i = 0; i < group.size(); ++i) {
-        setCurActionIndex(static_cast<int>(i), false);
-        doAction(group[i], action);
-    }
-    popActionInfo();
+    setCurActionInfo(name);
+    runMethods(*group, action, false);
 }

@@ -3,54 +3,39 @@
 #include "policy/OrvJsonActionDB.h"
 #include "policy/methods/OrvIoctlCfg.h"
 
-static const Json::Value& member(const Json::Value& object, const char* key) {
-    static const Json::Value kNull;
-    return object.isObject() ? object[key] : kNull;
+const char* OrvJsonActionDB::methodPath(const Json::Value& methodObject) {
+    const Json::Value& path = member(methodObject, "path");
+    if (path.isString()) return path.asCString();
+    ALOGE("path type is not a string. (fetch %s)", getCurActionInfoStr().c_str());
+    return nullptr;
+}
+
+bool OrvJsonActionDB::pathAndText(const Json::Value& methodObject, OrvAction* action,
+                                  const char*& path, std::string& text) {
+    path = methodPath(methodObject);
+    if (path == nullptr || getValueStringByType(methodObject, action, text) != 0) return false;
+    if (OrvLogIsEnabled()) {
+        ALOGD("exe   %s:{path:%s value:%s}", getCurActionInfoStr().c_str(), path, text.c_str());
+    }
+    return true;
 }
 
 void OrvJsonActionDB::doXfsAction(Json::Value& methodObject, OrvAction* action) {
-    const Json::Value& path = member(methodObject, "path");
-    if (!path.isString()) {
-        ALOGE("path type is not a string. (fetch %s)", getCurActionInfoStr().c_str());
-        return;
-    }
-    std::string value;
-    if (getValueStringByType(methodObject, action, value) != 0) return;
-    if (OrvLogIsEnabled()) {
-        ALOGD("exe   %s:{path:%s value:%s}", getCurActionInfoStr().c_str(), path.asCString(),
-              value.c_str());
-    }
-    writeFile(path.asCString(), value.c_str());
+    const char* path;
+    std::string text;
+    if (pathAndText(methodObject, action, path, text)) writeFile(path, text.c_str());
 }
 
 void OrvJsonActionDB::doSetPropAction(Json::Value& methodObject, OrvAction* action) {
-    const Json::Value& path = member(methodObject, "path");
-    if (!path.isString()) {
-        ALOGE("path type is not a string. (fetch %s)", getCurActionInfoStr().c_str());
-        return;
-    }
-    std::string value;
-    if (getValueStringByType(methodObject, action, value) != 0) return;
-    if (OrvLogIsEnabled()) {
-        ALOGD("exe   %s:{path:%s value:%s}", getCurActionInfoStr().c_str(), path.asCString(),
-              value.c_str());
-    }
-    setSystemProperty(path.asCString(), value.c_str());
+    const char* path;
+    std::string text;
+    if (pathAndText(methodObject, action, path, text)) setSystemProperty(path, text.c_str());
 }
 
 void OrvJsonActionDB::doProgramAction(Json::Value& methodObject, OrvAction* action) {
-    const Json::Value& path = member(methodObject, "path");
-    if (!path.isString()) {
-        ALOGE("path type is not a string. (fetch %s)", getCurActionInfoStr().c_str());
-        return;
-    }
-    std::string value;
-    if (getValueStringByType(methodObject, action, value) != 0) return;
-    if (OrvLogIsEnabled()) {
-        ALOGD("exe   %s:{path:%s value:%s}", getCurActionInfoStr().c_str(), path.asCString(),
-              value.c_str());
-    }
-    shell(path.asCString(), value.c_str());
+    const char* path;
+    std::string text;
+    if (pathAndText(methodObject, action, path, text)) shell(path, text.c_str());
 }
 
 int OrvJsonActionDB::getIoctlCfg(const Json::Value& methodObject, const char* key,
@@ -99,12 +84,8 @@ int OrvJsonActionDB::getIoctlCfg(const Json::Value& methodObject, const char* ke
 }
 
 void OrvJsonActionDB::doIoctlAction(Json::Value& methodObject, OrvAction* action) {
-    const Json::Value& pathValue = member(methodObject, "path");
-    if (!pathValue.isString()) {
-        ALOGE("path type is not a string. (fetch %s)", getCurActionInfoStr().c_str());
-        return;
-    }
-    const char* path = pathValue.asCString();
+    const char* path = methodPath(methodObject);
+    if (path == nullptr) return;
     OrvIoctlCfg cfg;
     if (getIoctlCfg(methodObject, "method_ioctl_cfg", cfg) != 0) return;
 
@@ -120,6 +101,12 @@ void OrvJsonActionDB::doIoctlAction(Json::Value& methodObject, OrvAction* action
     // A read-only request is never issued by this method.
     if (cfg.dir != 1 && cfg.dir != 3) return;
 
+    auto sizeIs = [&](int count) {
+        if (cfg.size == count) return true;
+        ALOGE("\"size\"(%d) in method_ioctl_cfg doesn't match \"value\" size(%d). (fetch %s)",
+              cfg.size, count, getCurActionInfoStr().c_str());
+        return false;
+    };
     const char kind = cfg.param_type.empty() ? '\0' : cfg.param_type[0];
     if (kind == 's') {
         std::string text;
@@ -133,11 +120,7 @@ void OrvJsonActionDB::doIoctlAction(Json::Value& methodObject, OrvAction* action
     } else if (kind == 'i') {
         int value = 0;
         if (getValueIntByType(methodObject, action, value) != 0) return;
-        if (cfg.size != static_cast<int>(sizeof(value))) {
-            ALOGE("\"size\"(%d) in method_ioctl_cfg doesn't match \"value\" size(%d). (fetch %s)",
-                  cfg.size, static_cast<int>(sizeof(value)), getCurActionInfoStr().c_str());
-            return;
-        }
+        if (!sizeIs(static_cast<int>(sizeof(value)))) return;
         if (OrvLogIsEnabled()) {
             ALOGD("exe  %s:{path:%s dir:%d type:%d nr:%d size:%d param_type:%s value:%d}",
                   getCurActionInfoStr().c_str(), path, cfg.dir, cfg.type, cfg.nr, cfg.size,
@@ -148,11 +131,7 @@ void OrvJsonActionDB::doIoctlAction(Json::Value& methodObject, OrvAction* action
         std::vector<unsigned char> bytes;
         if (getValueByteArrayByType(methodObject, action, bytes) != 0) return;
         int count = static_cast<int>(bytes.size());
-        if (cfg.size != count) {
-            ALOGE("\"size\"(%d) in method_ioctl_cfg doesn't match \"value\" size(%d). (fetch %s)",
-                  cfg.size, count, getCurActionInfoStr().c_str());
-            return;
-        }
+        if (!sizeIs(count)) return;
         if (OrvLogIsEnabled()) {
             ALOGD(
                 "exe   %s:{path:%s dir:%d type:%d nr:%d size:%d param_type:%s "
@@ -177,19 +156,16 @@ void OrvJsonActionDB::doOrvIoctlAction(Json::Value& methodObject, OrvAction* /*a
         // Taken as absent, like a missing "cmd".
         ALOGE("\"cmd\" is not an int, 0 is used @%s", getCurActionInfoStr().c_str());
     }
-    const Json::Value& path = member(methodObject, "path");
-    if (!path.isString()) {
-        ALOGE("path type is not a string. (fetch %s)", getCurActionInfoStr().c_str());
-        return;
-    }
+    const char* path = methodPath(methodObject);
+    if (path == nullptr) return;
     const Json::Value& value = member(methodObject, "value");
     if (!value.isString()) {
         ALOGE("value type is not string (%s)", getCurActionInfoStr().c_str());
         return;
     }
     if (OrvLogIsEnabled()) {
-        ALOGD("exe   %s:{path:%s cmd:%d value:%s}", getCurActionInfoStr().c_str(), path.asCString(),
-              cmd, value.asCString());
+        ALOGD("exe   %s:{path:%s cmd:%d value:%s}", getCurActionInfoStr().c_str(), path, cmd,
+              value.asCString());
     }
-    writeOrvIoctl(path.asCString(), cmd, value.asCString());
+    writeOrvIoctl(path, cmd, value.asCString());
 }

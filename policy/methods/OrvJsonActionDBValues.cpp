@@ -6,8 +6,7 @@
 #include "policy/OrvJsonActionDB.h"
 #include "policy/methods/OrvHex.h"
 
-// Members of a method or value object; anything but an object has none.
-static const Json::Value& member(const Json::Value& object, const char* key) {
+const Json::Value& OrvJsonActionDB::member(const Json::Value& object, const char* key) {
     static const Json::Value kNull;
     return object.isObject() ? object[key] : kNull;
 }

@@ -55,11 +55,15 @@ TEST_F(ExecutionTest, AppSwitchAndStateChangeRunTheirSetsInOrder) {
         {false, "A", "launch", "A", "run", "A.launch.on_exit|A.run.on_enter|A.run.policy|"},
         {false, "Z", "run", "Z", "launch", ""},
     };
+    auto db = parseDB(orderDocument(fifo));  // the database's own one-call sequences
     for (const Row& r : rows) {
-        if (r.appSwitch)
-            (new AppSwitch(r.from, 1, 2, r.fromState, r.to, 3, 4, r.toState))->send(manager);
-        else
-            (new StateChange(r.fromState, r.toState, r.from, 1, 2))->send(manager);
+        OrvActionManager::OrvAction* action =
+            r.appSwitch ? static_cast<OrvActionManager::OrvAction*>(
+                              new AppSwitch(r.from, 1, 2, r.fromState, r.to, 3, 4, r.toState))
+                        : new StateChange(r.fromState, r.toState, r.from, 1, 2);
+        r.appSwitch ? db->executeAppChangeAction(action) : db->executeStateChangeAction(action);
+        EXPECT_EQ(r.expected, drainFifo()) << "one call";
+        action->send(manager);
         sync(manager);
         EXPECT_EQ(r.expected, drainFifo());
     }
@@ -68,11 +72,16 @@ TEST_F(ExecutionTest, AppSwitchAndStateChangeRunTheirSetsInOrder) {
     EXPECT_EQ(head + "A.action.run.policy\n\n   Current Action Set  : \n", dump);
 }
 
-TEST_F(ExecutionTest, ReferencesSupplyMissingSetsAndParams) {
+TEST_F(ExecutionTest, ReferencesAndNestedGroups) {
     std::string fifo = makeFifo();
-    OrvActionManager* manager = start(marks(R"({"parser":"v1.0","version":"v1","applications":{
+    // "inner" holds a "prop" method whose value is of the wrong kind.
+    OrvActionManager* manager = start(marks(R"({"parser":"v1.0","version":"v1","policy_group":{
+        "boost":[<boost|>,{"method":"group","path":"inner"},{"method":"group","path":"none"},<end|>],
+        "inner":[<i|>,{"method":"prop","path":"p","type":"int","value":"5"}]},
+      "applications":{
         "A":{"param":{"large_heap":"true","event_mask":"0110"},
-             "action":{"launch":{"on_enter":[<A.launch|>]},"run":{"on_enter":[<A.run|>]}}},
+             "action":{"launch":{"on_enter":[{"method":"group","path":"boost"}]},
+                       "run":{"on_enter":[<A.run|>]}}},
         "B":{"param":{"event_mask":"1","reference":"A"},
              "action":{"reference":"A","run":{"on_enter":[<B.run|>]}}},
         "C":{"param":{"reference":"B"},"action":{"reference":"B"}},
@@ -82,17 +91,26 @@ TEST_F(ExecutionTest, ReferencesSupplyMissingSetsAndParams) {
         const char *app, *state, *written, *fetchLine;  // the debug line naming set and source
     };
     const Row rows[] = {
-        {"B", "launch", "A.launch|", "fetch B.action.launch.on_enter(reference A)"},
+        {"B", "launch", "boost|i|end|", "fetch B.action.launch.on_enter(reference A)"},
         {"B", "run", "B.run|", "fetch B.action.run.on_enter"},
-        {"C", "launch", "A.launch|", "fetch C.action.launch.on_enter(reference A)"},
+        {"C", "launch", "boost|i|end|", "fetch C.action.launch.on_enter(reference A)"},
         {"C", "run", "B.run|", "fetch C.action.run.on_enter(reference B)"},
         {"D", "run", "", "nop (no define or reference: D.action.run.on_enter)"},
     };
     for (const Row& r : rows) {
+        mLog.clear();
         (new StateChange("start", r.state, r.app, 1, 2))->send(manager);
         sync(manager);
         EXPECT_EQ(r.written, drainFifo()) << r.app << " " << r.state;
         EXPECT_TRUE(mLog.has(r.fetchLine)) << r.fetchLine;
+        // Each nesting level names its index and method or group.
+        std::string at = r.fetchLine + 6;
+        EXPECT_EQ(*r.written == 'b' ? "Unknown type(int). @" + at + "[0]boost[1]inner[1]prop" : "",
+                  errors());
+        if (*r.written == 'b') {
+            EXPECT_TRUE(
+                mLog.has("Cannot find policy_group.none. (fetch " + at + "[0]boost[2]group)"));
+        }
     }
 
     struct ParamRow {
@@ -111,29 +129,6 @@ TEST_F(ExecutionTest, ReferencesSupplyMissingSetsAndParams) {
         EXPECT_EQ(r.value != nullptr, manager->findAppParam(r.app, r.param, out)) << r.app;
         EXPECT_EQ(r.value ? r.value : "unset", out) << r.app << "." << r.param;
     }
-}
-
-TEST_F(ExecutionTest, NestedGroupsRunInOrderAndNameTheirLocation) {
-    // Both groups hold a "prop" method whose value is of the wrong kind.
-    OrvActionManager* manager = start(marks(R"({"parser":"v1.0","version":"v1","policy_group":{
-        "boost":[<boost|>,{"method":"prop","path":"p","type":"int","value":"5"}],
-        "outer":[<o1|>,{"method":"group","path":"inner"},<o2|>],
-        "inner":[<i|>,{"method":"prop","path":"p","type":"int","value":"5"}]},
-      "applications":{
-        "game":{"action":{"launch":{"on_enter":[{"method":"group","path":"boost"}]},
-                          "run":{"policy":[{"method":"group","path":"outer"},
-                                           {"method":"group","path":"none"},<end|>]}}},
-        "game2":{"action":{"reference":"game"}}}})",
-                                            makeFifo()));
-    (new AppSwitch("x", 1, 2, "reset", "game2", 3, 4, "launch"))->send(manager);
-    (new StateChange("launch", "run", "game", 3, 4))->send(manager);
-    sync(manager);
-    EXPECT_EQ("boost|o1|i|o2|end|", drainFifo());
-    EXPECT_EQ(
-        "Unknown type(int). @game2.action.launch.on_enter(reference game)[0]boost[1]prop\n"
-        "Unknown type(int). @game.action.run.policy[0]outer[1]inner[1]prop",
-        errors());
-    EXPECT_TRUE(mLog.has("Cannot find policy_group.none. (fetch game.action.run.policy[1]group)"));
 }
 
 // Queries and dumps from another thread while actions run and grow the document.

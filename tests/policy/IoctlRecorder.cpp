@@ -18,17 +18,13 @@ int gRet = 0, gErr = 0;
 std::vector<Call> gCalls;
 }  // namespace
 
-void watch(const std::string& nodePath, size_t bytes) {
+void watch(const std::string& nodePath, size_t bytes, int ret, int err) {
     std::lock_guard<std::mutex> lock(gLock);
     gWatching = stat(nodePath.c_str(), &gNode) == 0;
     gBytes = bytes;
-    gCalls.clear();
-}
-
-void setResult(int ret, int err) {
-    std::lock_guard<std::mutex> lock(gLock);
     gRet = ret;
     gErr = err;
+    gCalls.clear();
 }
 
 std::vector<Call> calls() {

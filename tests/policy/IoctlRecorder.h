@@ -14,9 +14,9 @@ struct Call {
     std::string arg;  // text up to its NUL, or the first `bytes` bytes of the argument
 };
 
-// Starts recording on `nodePath`; `bytes` 0 copies the argument as text.
-void watch(const std::string& nodePath, size_t bytes = 0);
-void setResult(int ret, int err);  // what the recorded calls return
+// Starts recording on `nodePath`, the calls returning `ret` with errno `err`; `bytes` 0 copies
+// the argument as text.
+void watch(const std::string& nodePath, size_t bytes = 0, int ret = 0, int err = 0);
 std::vector<Call> calls();
 
 }  // namespace ioctlrec

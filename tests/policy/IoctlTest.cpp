@@ -30,15 +30,21 @@ class IoctlTest : public policytest::PolicyTest {
         mNode = mRoot.write("dev/orvnode", "");
     }
     void TearDown() override {
-        ioctlrec::setResult(0, 0);
+        ioctlrec::watch("");
         PolicyTest::TearDown();
     }
-    // Runs `method` (' for ", @ for the node path, ^ for "method_ioctl_cfg") as the only
-    // "on_enter" method of A in state run, `times` times.
+    // & for the node path, ~ for a missing node, % for the location prefix.
+    std::string expand(const std::string& text) {
+        return subst(subst(subst(text, '&', mNode), '~', mRoot / "dev/none"), '%', kAt);
+    }
+    // Runs `method` as the only "on_enter" method of A in state run, `times` times. A leading I
+    // or O names "ioctl" or "orv_ioctl", & and ~ stand for "path" members, ^ for the cfg key.
     void run(std::string method, int times = 1) {
-        method = subst(subst(subst(method, '\'', "\""), '@', mNode), '^', "\"method_ioctl_cfg\"");
+        method = subst(subst(method, '&', "'path':'&'"), '~', "'path':'~'");
+        method = (method[0] == 'I' ? "'method':'ioctl'," : "'method':'orv_ioctl',") +
+                 subst(method.substr(1), '^', "'method_ioctl_cfg':");
         auto db = policytest::parseDB(R"({"applications":{"A":{"action":{"run":{"on_enter":[{)" +
-                                      method + "}]}}}}}");
+                                      expand(subst(method, '\'', "\"")) + "}]}}}}}");
         OrvActionManager::OrvAction action("run", "run", "A", 4321, -1);
         for (int i = 0; i < times; ++i) db->executeOnEnterAction(&action);
     }
@@ -46,97 +52,70 @@ class IoctlTest : public policytest::PolicyTest {
     std::string mNode;
 };
 
-TEST_F(IoctlTest, RequestsAndArguments) {
+TEST_F(IoctlTest, RequestsArgumentsAndRefusals) {
     struct Row {
         const char* method;
-        size_t bytes;  // 0: the argument is text
-        uint32_t request;
+        size_t bytes;      // 0: the argument is recorded as text
+        uint32_t request;  // 0: no ioctl issued
         bool nullArg;
         std::string arg;
+        std::string error;  // with a request: the driver fails it with EINVAL
     };
-    const char* const io = "'method':'ioctl','path':'@',^:";
-    const char* const orv = "'method':'orv_ioctl','path':'@',";
     // clang-format off
     const Row rows[] = {
-        {"I{'dir':'_IOW','type':'T','nr':1,'size':4,'param_type':'int'},'type':'int','value':7", 4, 0x40045401, false, le32(7)},
-        {"I{'dir':'_IOW','type':'T','nr':1,'size':4,'param_type':'i'},'type':'string','value':'-3'", 4, 0x40045401, false, le32(-3)},
-        {"I{'dir':'_IO','type':'T','nr':1,'size':4}", 0, 0x5401, true, ""},
-        {"I{'dir':'_IOWR','type':'0x54','nr':2,'size':3,'param_type':'binary'},'type':'binary','value':'01 02 FF'", 3, 0xC0035402, false, "\x01\x02\xFF"},
-        {"I{'dir':'_IOR|_IOW','type':'0x54','nr':2,'size':1,'param_type':'bytes'},'type':'binary','value':'0a'", 1, 0xC0015402, false, "\x2A"},
-        {"I{'dir':'_IOW','type':'x','nr':9,'param_type':'string'},'type':'string','value':'hi'", 0, 0x40007809, false, "hi"},
-        {"I{'dir':'_IOW','type':'x','nr':9,'size':99,'param_type':'s'},'type':'var','value':'PID'", 0, 0x40637809, false, "4321"},
+        {"I&,^{'dir':'_IOW','type':'T','nr':1,'size':4,'param_type':'int'},'type':'int','value':7", 4, 0x40045401, false, le32(7), ""},
+        {"I&,^{'dir':'_IOW','type':'T','nr':1,'size':4,'param_type':'i'},'type':'string','value':'-3'", 4, 0x40045401, false, le32(-3), ""},
+        {"I&,^{'dir':'_IO','type':'T','nr':1,'size':4}", 0, 0x5401, true, "", ""},
+        {"I&,^{'dir':'_IOWR','type':'0x54','nr':2,'size':3,'param_type':'binary'},'type':'binary','value':'01 02 FF'", 3, 0xC0035402, false, "\x01\x02\xFF", ""},
+        {"I&,^{'dir':'_IOR|_IOW','type':'0x54','nr':2,'size':1,'param_type':'bytes'},'type':'binary','value':'0a'", 1, 0xC0015402, false, "\x2A", ""},
+        {"I&,^{'dir':'_IOW','type':'x','nr':9,'param_type':'string'},'type':'string','value':'hi'", 0, 0x40007809, false, "hi", ""},
+        {"I&,^{'dir':'_IOW','type':'x','nr':9,'size':99,'param_type':'s'},'type':'var','value':'PID'", 0, 0x40637809, false, "4321", ""},
+        {"I&,^{'dir':'_IO','type':'0x12zz','nr':1}", 0, 0x1201, true, "", ""},
         // Fields are not masked: a wide type spills into the size bits, a wide cmd into the type.
-        {"I{'dir':'_IO','type':'0x1FF','nr':1}", 0, 0x1FF01, true, ""},
-        {"O'cmd':256,'value':'1 2'", 0, 0x40047900, false, "1 2"},
-        {"O'cmd':3,'value':'abc'", 0, 0x40047803, false, "abc"},
-        {"O'value':''", 0, 0x40047800, false, ""},
+        {"I&,^{'dir':'_IO','type':'0x1FF','nr':1}", 0, 0x1FF01, true, "", ""},
+        {"O&,'cmd':256,'value':'1 2'", 0, 0x40047900, false, "1 2", ""},
+        {"O&,'cmd':3,'value':'abc'", 0, 0x40047803, false, "abc", ""},
+        {"O&,'value':''", 0, 0x40047800, false, "", ""},
+        {"I&,^{'dir':'_IOR','type':'T','nr':1,'size':4,'param_type':'int'},'type':'int','value':7", 0, 0, false, "", ""},
+        {"I&,^{'dir':'_IOW','type':'T','nr':1,'size':4},'type':'int','value':7", 0, 0, false, "", "Unsupported ioctl param_type(undefined) in method_ioctl_cfg. (fetch %ioctl)"},
+        {"I&,^{'dir':'_IOW','type':'TT','nr':1}", 0, 0, false, "", "Unknown hex string format (TT)\nUnknown \"type\" format(TT) in method_ioctl_cfg. @%ioctl"},
+        {"I&,^{'dir':'_IOW','type':'0x','nr':1}", 0, 0, false, "", "Unknown hex string format (0x)\nUnknown \"type\" format(0x) in method_ioctl_cfg. @%ioctl"},
+        {"I&,^{'dir':'_IOW','type':84,'nr':1}", 0, 0, false, "", "\"type \" should be a string in method_ioctl_cfg @%ioctl"},
+        {"I&,^{'dir':'_IOX','type':'T','nr':1}", 0, 0, false, "", "Unknown \"dir\" type(_IOX) in method_ioctl_cfg @%ioctl"},
+        {"I&,^{'dir':'_IOW','type':'T','nr':'1'}", 0, 0, false, "", "\"nr \" should be an int in method_ioctl_cfg. (fetch %ioctl)"},
+        {"I&,^{'dir':'_IOW','type':'T','nr':1,'size':4,'param_type':'binary'},'type':'binary','value':'01 02 03'", 0, 0, false, "", "\"size\"(4) in method_ioctl_cfg doesn't match \"value\" size(3). (fetch %ioctl)"},
+        {"I&,^'not an object'", 0, 0, false, "", "\"method_ioctl_cfg\" is not an object @%ioctl"},
+        {"I&,'x':1", 0, 0, false, "", "Cannot find method_ioctl_cfg @%ioctl"},
+        {"I~,^{'dir':'_IO','type':'T','nr':1}", 0, 0, false, "", "Cannot open \"~\"(errno=2) @%ioctl"},
+        {"O~,'cmd':1,'value':'v'", 0, 0, false, "", "cannot open \"~\" (errno=2) @%orv_ioctl"},
+        {"O'cmd':1,'value':'v'", 0, 0, false, "", "path type is not a string. (fetch %orv_ioctl)"},
+        {"O&,'cmd':1,'value':7", 0, 0, false, "", "value type is not string (%orv_ioctl)"},
+        {"I&,^{'dir':'_IOW','type':'T','nr':1,'size':4,'param_type':'int'},'type':'int','value':7", 4, 0x40045401, false, le32(7), "ioctl{path:& dir:1 type:84 nr:1 size:4 param_type:int} (ret=-1, errno=22) @%ioctl"},
+        // A "cmd" of the wrong kind counts as 0.
+        {"O&,'cmd':'2','value':'v'", 0, 0x40047800, false, "v", "\"cmd\" is not an int, 0 is used @%orv_ioctl\norv_ioctl{path:& cmd:0 value:v} (ret=-1, errno=22) @%orv_ioctl"},
     };
     // clang-format on
     for (const Row& r : rows) {
-        ioctlrec::watch(mNode, r.bytes);
-        run((r.method[0] == 'I' ? io : orv) + std::string(r.method + 1));
+        ioctlrec::watch(mNode, r.bytes, r.request && !r.error.empty() ? -1 : 0, EINVAL);
+        mLog.clear();
+        run(r.method);
         auto calls = ioctlrec::calls();
-        ASSERT_EQ(1u, calls.size()) << r.method;
-        EXPECT_EQ(r.request, calls[0].request) << std::hex << calls[0].request << " " << r.method;
-        EXPECT_EQ(r.nullArg, calls[0].nullArg) << r.method;
-        EXPECT_EQ(r.arg, calls[0].arg) << r.method;
+        ASSERT_EQ(r.request ? 1u : 0u, calls.size()) << r.method;
+        if (r.request) {
+            EXPECT_EQ(r.request, calls[0].request) << std::hex << calls[0].request << r.method;
+            EXPECT_EQ(r.nullArg, calls[0].nullArg) << r.method;
+            EXPECT_EQ(r.arg, calls[0].arg) << r.method;
+        }
+        EXPECT_EQ(expand(r.error), errors()) << r.method;
     }
-    EXPECT_EQ("", errors());
     // The node is opened anew each time.
     ioctlrec::watch(mNode);
-    run("'method':'ioctl','path':'@',^:{'dir':'_IO','type':'T','nr':1}", 3);
-    run("'method':'orv_ioctl','path':'@','value':'x'", 2);
+    run("I&,^{'dir':'_IO','type':'T','nr':1}", 3);
+    run("O&,'value':'x'", 2);
     std::set<int> fds;
     for (const auto& c : ioctlrec::calls()) fds.insert(c.fd);
     EXPECT_EQ(5u, ioctlrec::calls().size());
     EXPECT_EQ(5u, fds.size());
-}
-
-TEST_F(IoctlTest, RefusedMethodsIssueNothing) {
-    // clang-format off
-    const std::pair<const char*, const char*> rows[] = {
-        {"^:{'dir':'_IOR','type':'T','nr':1,'size':4,'param_type':'int'},'type':'int','value':7", ""},
-        {"^:{'dir':'_IOW','type':'T','nr':1,'size':4},'type':'int','value':7", "Unsupported ioctl param_type(undefined) in method_ioctl_cfg. (fetch %ioctl)"},
-        {"^:{'dir':'_IOW','type':'TT','nr':1}", "Unknown hex string format (TT)\nUnknown \"type\" format(TT) in method_ioctl_cfg. @%ioctl"},
-        {"^:{'dir':'_IOW','type':84,'nr':1}", "\"type \" should be a string in method_ioctl_cfg @%ioctl"},
-        {"^:{'dir':'_IOX','type':'T','nr':1}", "Unknown \"dir\" type(_IOX) in method_ioctl_cfg @%ioctl"},
-        {"^:{'dir':'_IOW','type':'T','nr':'1'}", "\"nr \" should be an int in method_ioctl_cfg. (fetch %ioctl)"},
-        {"^:{'dir':'_IOW','type':'T','nr':1,'size':4,'param_type':'binary'},'type':'binary','value':'01 02 03'", "\"size\"(4) in method_ioctl_cfg doesn't match \"value\" size(3). (fetch %ioctl)"},
-        {"^:'not an object'", "\"method_ioctl_cfg\" is not an object @%ioctl"},
-        {"'x':1", "Cannot find method_ioctl_cfg @%ioctl"},
-    };
-    // clang-format on
-    for (const auto& [fields, error] : rows) {
-        ioctlrec::watch(mNode);
-        mLog.clear();
-        run(std::string("'method':'ioctl','path':'@',") + fields);
-        EXPECT_TRUE(ioctlrec::calls().empty()) << fields;
-        EXPECT_EQ(subst(error, '%', kAt), errors()) << fields;
-    }
-}
-
-TEST_F(IoctlTest, FailuresAreReported) {
-    const std::string missing = mRoot / "dev/none";
-    run("'method':'ioctl','path':'" + missing + "',^:{'dir':'_IO','type':'T','nr':1}");
-    run("'method':'orv_ioctl','path':'" + missing + "','cmd':1,'value':'v'");
-    ioctlrec::watch(mNode, 0);  // arguments unchecked here: read as text
-    ioctlrec::setResult(-1, EINVAL);
-    run("'method':'ioctl','path':'@',^:{'dir':'_IOW','type':'T','nr':1,'size':4,"
-        "'param_type':'int'},'type':'int','value':7");
-    run("'method':'orv_ioctl','path':'@','cmd':'2','value':'v'");  // a bad cmd counts as 0
-    run("'method':'orv_ioctl','cmd':1,'value':'v'");
-    run("'method':'orv_ioctl','path':'@','cmd':1,'value':7");
-    EXPECT_EQ(2u, ioctlrec::calls().size());
-    EXPECT_EQ(subst("Cannot open \"" + missing + "\"(errno=2) @%ioctl\ncannot open \"" + missing +
-                        "\" (errno=2) @%orv_ioctl\nioctl{path:" + mNode +
-                        " dir:1 type:84 nr:1 size:4 param_type:int} (ret=-1, errno=22) @%ioctl\n"
-                        "\"cmd\" is not an int, 0 is used @%orv_ioctl\norv_ioctl{path:" +
-                        mNode +
-                        " cmd:0 value:v} (ret=-1, errno=22) @%orv_ioctl\n"
-                        "path type is not a string. (fetch %orv_ioctl)\n"
-                        "value type is not string (%orv_ioctl)",
-                    '%', kAt),
-              errors());
 }
 
 }  // namespace

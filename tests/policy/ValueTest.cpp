@@ -1,6 +1,5 @@
 // Value conversions, variables and the hex byte parser.
 #include "PolicyTestSupport.h"
-#include "policy/methods/OrvHex.h"
 
 namespace {
 
@@ -74,6 +73,12 @@ TEST_F(ValueTest, Conversions) {
         {'i', R"({"type":"ioctl","value":"x"})", false, "", "\"ioctl\" type is not supported to convert to int. @"},
         {'i', R"({"type":"other","value":"1"})", false, "", "Unknown type(other). @"},
         {'b', R"({"type":"binary","value":"12 34 AB"})", true, "\x12\x34\xAB", ""},
+        {'b', R"({"type":"binary","value":"12:34\u0001CD"})", true, "\x12\x34\xCD", ""},
+        // Lower-case low digits also set bit 5; lower-case high digits are harmless.
+        {'b', R"({"type":"binary","value":"0a 1a 0A fF cd"})", true, "\x2A\x3A\x0A\xFF\xED", ""},
+        {'b', R"({"type":"binary","value":"12 3"})", false, "", "Invalid hex string termination.\n\"value\" is an invalid hex string @"},
+        {'b', R"({"type":"binary","value":""})", false, "", "Invalid hex string termination.\n\"value\" is an invalid hex string @"},
+        {'b', R"({"type":"binary","value":"12 x4"})", false, std::string("\x12\0", 2), "Invalid hex char(x)\n\"value\" is an invalid hex string @"},
         {'b', R"({"type":"binary","value":"1g"})", false, "", "Invalid hex char(g)\n\"value\" is an invalid hex string @"},
         {'b', R"({"type":"string","value":"12"})", false, "", "\"string\" type is not supported to convert to byte array. @"},
         {'b', R"({"type":"binary","value":12})", false, "", "\"value\" is not a string. @"},
@@ -93,38 +98,6 @@ TEST_F(ValueTest, Conversions) {
     mLog.clear();
     EXPECT_NE(0, convert('s', R"({"type":"var","value":"PID"})", out, nullptr));
     EXPECT_EQ("", errors());
-}
-
-TEST_F(ValueTest, HexBytes) {
-    struct Row {
-        const char* text;
-        int ret;  // 0 ok, -1 bad termination, 1 bad char
-        std::vector<unsigned char> bytes;
-        const char* error;
-    };
-    const Row rows[] = {
-        {"12", 0, {0x12}, ""},
-        {"12:34", 0, {0x12, 0x34}, ""},
-        {"AB\xff"
-         "CD",
-         0,
-         {0xAB, 0xCD},
-         ""},  // any byte separates
-        // Lower-case low digits also set bit 5; lower-case high digits are harmless.
-        {"0a 1a 0A fF cd", 0, {0x2A, 0x3A, 0x0A, 0xFF, 0xED}, ""},
-        {"12 3", -1, {}, "Invalid hex string termination."},
-        {"", -1, {}, "Invalid hex string termination."},
-        {"12 x4", 1, {0x12, 0x00}, "Invalid hex char(x)"},
-    };
-    for (const Row& row : rows) {
-        std::vector<unsigned char> out;
-        mLog.clear();
-        EXPECT_EQ(row.ret, hexDataStringToByteArray(row.text, out)) << row.text;
-        if (row.ret >= 0) {
-            EXPECT_EQ(row.bytes, out) << row.text;
-        }
-        EXPECT_EQ(row.error, errors()) << row.text;
-    }
 }
 
 }  // namespace
