@@ -31,10 +31,11 @@ class OrvMsgHandler {
     void setActionManager(OrvActionManager* manager) { mActionManager = manager; }
 
   private:
-    void onListView(int pid, int type);
-    void onViewGesture(int pid, int type);
-    void onScale(int pid, int type);
-    void answerParam(const char* pname, const char* param, std::string& answer);
+    // LIST_VIEW, VIEW_GESTURE and SCALE by their type.
+    void onViewEvent(int code, int pid, int type);
+    // Answers a parameter of the app that runs as `pid`, `fallback` when there is none.
+    void replyAppParam(SocketClient* client, int code, int pid, const char* trace,
+                       const char* param, const char* fallback);
     void onConfigurationQuery(int type, const std::string& key, SocketClient* client);
     int glTidOf(int pid);
 

@@ -2,6 +2,7 @@
 #include <stdlib.h>
 #include <sysutils/SocketClient.h>
 
+#include <iterator>
 #include <sstream>
 #include <string>
 
@@ -38,6 +39,34 @@ enum {
     TIMEOUT = 500,
     DUMP_STATE = 900,
 };
+
+// The types of LIST_VIEW, VIEW_GESTURE and SCALE: trace name and context operation (none while a
+// scale goes on).
+struct ViewEvent {
+    const char* trace;
+    void (OrvContext::*op)(const char*, int);
+};
+struct ViewFamily {
+    const char* name;  // in the unknown-type warning
+    const ViewEvent* events;
+    size_t count;
+};
+const ViewEvent kListViewEvents[] = {{"LIST_IDLE", &OrvContext::onListIdle},
+                                     {"LIST_SCROLL", &OrvContext::onListScroll},
+                                     {"LIST_FLING", &OrvContext::onListFling}};
+const ViewEvent kViewGestureEvents[] = {
+    {"VIEW_GESTURE_DOWN", &OrvContext::onGestureDown},
+    {"VIEW_GESTURE_PRESS", &OrvContext::onGesturePress},
+    {"VIEW_GESTURE_TAP", &OrvContext::onGestureTap},
+    {"VIEW_GESTURE_SCROLL", &OrvContext::onGestureScroll},
+    {"VIEW_GESTURE_FLING", &OrvContext::onGestureFling},
+    {"VIEW_GESTURE_LONG_PRESS", &OrvContext::onGestureLongPress}};
+const ViewEvent kScaleEvents[] = {{"SCALE_START", &OrvContext::onScaleStart},
+                                  {"SCALE_CONTINUE", nullptr},
+                                  {"SCALE_END", &OrvContext::onScaleEnd}};
+const ViewFamily kListView{"LIST_VIEW", kListViewEvents, std::size(kListViewEvents)};
+const ViewFamily kViewGesture{"GESTURE", kViewGestureEvents, std::size(kViewGestureEvents)};
+const ViewFamily kScale{"SCALE", kScaleEvents, std::size(kScaleEvents)};
 
 // ";"-separated fields; a missing one reads as empty text (and so as 0).
 class Fields {
@@ -126,13 +155,7 @@ void OrvMsgHandler::consumeMsg(int code, const char* payload, SocketClient* clie
             if (!mContext) break;
             int pid = f.number();
             int type = f.number();
-            if (code == LIST_VIEW) {
-                onListView(pid, type);
-            } else if (code == VIEW_GESTURE) {
-                onViewGesture(pid, type);
-            } else {
-                onScale(pid, type);
-            }
+            onViewEvent(code, pid, type);
             break;
         }
         case GLTHREAD_ATTACH: {
@@ -158,34 +181,17 @@ void OrvMsgHandler::consumeMsg(int code, const char* payload, SocketClient* clie
         case DALVIK_LARGE_HEAP: {
             int pid = f.number();
             ORV_LOGD("DALVIK_LARGE_HEAP(%d)|%d", code, pid);
-            std::string answer = "false";
-            const char* pname = getPNameByPid(pid);
-            ORV_LOGD("DALVIK_HEAP_UTILIZATION(%d)|%d", code, pid);
-            answerParam(pname, "large_heap", answer);
-            ORV_LOGD("large_heap=%s", answer.c_str());
-            client->sendMsg(code, answer.c_str(), false, false);
+            replyAppParam(client, code, pid, "DALVIK_HEAP_UTILIZATION", "large_heap", "false");
             break;
         }
-        case DALVIK_HEAP_UTILIZATION: {
-            int pid = f.number();
-            std::string answer = "-1";
-            const char* pname = getPNameByPid(pid);
-            ORV_LOGD("DALVIK_HEAP_UTILIZATION(%d)|%d", code, pid);
-            answerParam(pname, "heap_utilization", answer);
-            ORV_LOGD("heap_utilization=%s", answer.c_str());
-            client->sendMsg(code, answer.c_str(), false, false);
+        case DALVIK_HEAP_UTILIZATION:
+            replyAppParam(client, code, f.number(), "DALVIK_HEAP_UTILIZATION", "heap_utilization",
+                          "-1");
             break;
-        }
-        case HARDWARE_ACCELERATION: {
-            int pid = f.number();
-            std::string answer = "-1";
-            const char* pname = getPNameByPid(pid);
-            ORV_LOGD("HARDWARE_ACCELERATION(%d)|%d", code, pid);
-            answerParam(pname, "hardware_acceleration", answer);
-            ORV_LOGD("hardware_acceleration=%s", answer.c_str());
-            client->sendMsg(code, answer.c_str(), false, false);
+        case HARDWARE_ACCELERATION:
+            replyAppParam(client, code, f.number(), "HARDWARE_ACCELERATION",
+                          "hardware_acceleration", "-1");
             break;
-        }
         case DISABLE_THERMAL: {
             std::string name = f.text();
             ORV_LOGD("DISABLE_THERMAL(%d)|%s", code, name.c_str());
@@ -236,84 +242,29 @@ void OrvMsgHandler::consumeMsg(int code, const char* payload, SocketClient* clie
     }
 }
 
-void OrvMsgHandler::answerParam(const char* pname, const char* param, std::string& answer) {
+void OrvMsgHandler::replyAppParam(SocketClient* client, int code, int pid, const char* trace,
+                                  const char* param, const char* fallback) {
+    std::string answer = fallback;
+    const char* pname = getPNameByPid(pid);
+    ORV_LOGD("%s(%d)|%d", trace, code, pid);
     if (pname[0] != '\0' && mActionManager) {
         mActionManager->findAppParam(pname, param, answer);
     }
+    ORV_LOGD("%s=%s", param, answer.c_str());
+    client->sendMsg(code, answer.c_str(), false, false);
 }
 
-void OrvMsgHandler::onListView(int pid, int type) {
-    const char* pname = getPNameByPid(pid);
-    switch (type) {
-        case 0:
-            ORV_LOGD("LIST_IDLE(%d)|%d", LIST_VIEW, pid);
-            mContext->onListIdle(pname, pid);
-            break;
-        case 1:
-            ORV_LOGD("LIST_SCROLL(%d)|%d", LIST_VIEW, pid);
-            mContext->onListScroll(pname, pid);
-            break;
-        case 2:
-            ORV_LOGD("LIST_FLING(%d)|%d", LIST_VIEW, pid);
-            mContext->onListFling(pname, pid);
-            break;
-        default:
-            ALOGW("Unknown LIST_VIEW type (%d)", type);
-            break;
+void OrvMsgHandler::onViewEvent(int code, int pid, int type) {
+    const ViewFamily& family = code == LIST_VIEW      ? kListView
+                               : code == VIEW_GESTURE ? kViewGesture
+                                                      : kScale;
+    if (type < 0 || static_cast<size_t>(type) >= family.count) {
+        ALOGW("Unknown %s type (%d)", family.name, type);
+        return;
     }
-}
-
-void OrvMsgHandler::onViewGesture(int pid, int type) {
-    const char* pname = getPNameByPid(pid);
-    switch (type) {
-        case 0:
-            ORV_LOGD("VIEW_GESTURE_DOWN(%d)|%d", VIEW_GESTURE, pid);
-            mContext->onGestureDown(pname, pid);
-            break;
-        case 1:
-            ORV_LOGD("VIEW_GESTURE_PRESS(%d)|%d", VIEW_GESTURE, pid);
-            mContext->onGesturePress(pname, pid);
-            break;
-        case 2:
-            ORV_LOGD("VIEW_GESTURE_TAP(%d)|%d", VIEW_GESTURE, pid);
-            mContext->onGestureTap(pname, pid);
-            break;
-        case 3:
-            ORV_LOGD("VIEW_GESTURE_SCROLL(%d)|%d", VIEW_GESTURE, pid);
-            mContext->onGestureScroll(pname, pid);
-            break;
-        case 4:
-            ORV_LOGD("VIEW_GESTURE_FLING(%d)|%d", VIEW_GESTURE, pid);
-            mContext->onGestureFling(pname, pid);
-            break;
-        case 5:
-            ORV_LOGD("VIEW_GESTURE_LONG_PRESS(%d)|%d", VIEW_GESTURE, pid);
-            mContext->onGestureLongPress(pname, pid);
-            break;
-        default:
-            ALOGW("Unknown GESTURE type (%d)", type);
-            break;
-    }
-}
-
-void OrvMsgHandler::onScale(int pid, int type) {
-    const char* pname = getPNameByPid(pid);
-    switch (type) {
-        case 0:
-            ORV_LOGD("SCALE_START(%d)|%d", SCALE, pid);
-            mContext->onScaleStart(pname, pid);
-            break;
-        case 1:
-            ORV_LOGD("SCALE_CONTINUE(%d)|%d", SCALE, pid);
-            break;
-        case 2:
-            ORV_LOGD("SCALE_END(%d)|%d", SCALE, pid);
-            mContext->onScaleEnd(pname, pid);
-            break;
-        default:
-            ALOGW("Unknown SCALE type (%d)", type);
-            break;
-    }
+    const ViewEvent& event = family.events[type];
+    ORV_LOGD("%s(%d)|%d", event.trace, code, pid);
+    if (event.op) (mContext->*event.op)(getPNameByPid(pid), pid);
 }
 
 void OrvMsgHandler::onConfigurationQuery(int type, const std::string& key, SocketClient* client) {

@@ -10,11 +10,6 @@ OrvReset* OrvReset::getInstance() {
     return &instance;
 }
 
-// Nothing is tracked in reset, so events about an application are dropped silently.
-bool OrvReset::onReset(OrvContext*) {
-    return false;
-}
-
 bool OrvReset::onLaunch(OrvContext* ctx, const char* name) {
     if (!ctx->mIsScreenOn) return false;
     ctx->changeState(OrvLaunch::getInstance(), name, -1, -1);
@@ -27,47 +22,11 @@ bool OrvReset::onStart(OrvContext* ctx, const char* name, int pid, int glTid) {
     return true;
 }
 
-bool OrvReset::onDisplayed(OrvContext*, const char*, int) {
-    return false;
-}
-
-bool OrvReset::onScaleStart(OrvContext*, const char*, int) {
-    return false;
-}
-
-bool OrvReset::onScaleEnd(OrvContext*, const char*, int) {
-    return false;
-}
-
-bool OrvReset::onListScroll(OrvContext*, const char*, int) {
-    return false;
-}
-
-bool OrvReset::onListFling(OrvContext*, const char*, int) {
-    return false;
-}
-
-bool OrvReset::onListIdle(OrvContext*, const char*, int) {
-    return false;
-}
-
 bool OrvReset::onTransit(OrvContext* ctx, int, const char*, int toPid, const char* toName,
                          int toGlTid) {
     if (!ctx->mIsScreenOn || toPid == -1) return false;
     ctx->changeState(OrvRun::getInstance(), toName, toPid, toGlTid);
     return true;
-}
-
-bool OrvReset::onRotateStart(OrvContext*) {
-    return false;
-}
-
-bool OrvReset::onRotateStop(OrvContext*) {
-    return false;
-}
-
-bool OrvReset::onAttachGLThread(OrvContext*, const char*, int, int) {
-    return false;
 }
 
 bool OrvReset::onScreenOff(OrvContext* ctx) {
@@ -78,30 +37,6 @@ bool OrvReset::onScreenOff(OrvContext* ctx) {
 bool OrvReset::onScreenOn(OrvContext* ctx) {
     ctx->mIsScreenOn = true;
     return true;
-}
-
-bool OrvReset::onGestureDown(OrvContext*, const char*, int) {
-    return false;
-}
-
-bool OrvReset::onGesturePress(OrvContext*, const char*, int) {
-    return false;
-}
-
-bool OrvReset::onGestureTap(OrvContext*, const char*, int) {
-    return false;
-}
-
-bool OrvReset::onGestureScroll(OrvContext*, const char*, int) {
-    return false;
-}
-
-bool OrvReset::onGestureFling(OrvContext*, const char*, int) {
-    return false;
-}
-
-bool OrvReset::onGestureLongPress(OrvContext*, const char*, int) {
-    return false;
 }
 
 OrvLaunch* OrvLaunch::getInstance() {

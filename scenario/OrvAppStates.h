@@ -6,29 +6,31 @@ class OrvReset : public OrvState {
   public:
     static OrvReset* getInstance();
 
-    bool onReset(OrvContext* ctx) override;
     bool onLaunch(OrvContext* ctx, const char* name) override;
     bool onStart(OrvContext* ctx, const char* name, int pid, int glTid) override;
-    bool onDisplayed(OrvContext* ctx, const char* pname, int pid) override;
-    bool onScaleStart(OrvContext* ctx, const char* pname, int pid) override;
-    bool onScaleEnd(OrvContext* ctx, const char* pname, int pid) override;
-    bool onListScroll(OrvContext* ctx, const char* pname, int pid) override;
-    bool onListFling(OrvContext* ctx, const char* pname, int pid) override;
-    bool onListIdle(OrvContext* ctx, const char* pname, int pid) override;
     bool onTransit(OrvContext* ctx, int fromPid, const char* fromName, int toPid,
                    const char* toName, int toGlTid) override;
-    bool onRotateStart(OrvContext* ctx) override;
-    bool onRotateStop(OrvContext* ctx) override;
-    bool onAttachGLThread(OrvContext* ctx, const char* pname, int pid, int tid) override;
     bool onScreenOff(OrvContext* ctx) override;
     bool onScreenOn(OrvContext* ctx) override;
-    bool onGestureDown(OrvContext* ctx, const char* pname, int pid) override;
-    bool onGesturePress(OrvContext* ctx, const char* pname, int pid) override;
-    bool onGestureTap(OrvContext* ctx, const char* pname, int pid) override;
-    bool onGestureScroll(OrvContext* ctx, const char* pname, int pid) override;
-    bool onGestureFling(OrvContext* ctx, const char* pname, int pid) override;
-    bool onGestureLongPress(OrvContext* ctx, const char* pname, int pid) override;
     const char* getStateNameStr() override { return "reset"; }
+
+    // Nothing is tracked, so events about an application are dropped without a word.
+    bool onReset(OrvContext*) override { return false; }
+    bool onDisplayed(OrvContext*, const char*, int) override { return false; }
+    bool onScaleStart(OrvContext*, const char*, int) override { return false; }
+    bool onScaleEnd(OrvContext*, const char*, int) override { return false; }
+    bool onListScroll(OrvContext*, const char*, int) override { return false; }
+    bool onListFling(OrvContext*, const char*, int) override { return false; }
+    bool onListIdle(OrvContext*, const char*, int) override { return false; }
+    bool onRotateStart(OrvContext*) override { return false; }
+    bool onRotateStop(OrvContext*) override { return false; }
+    bool onAttachGLThread(OrvContext*, const char*, int, int) override { return false; }
+    bool onGestureDown(OrvContext*, const char*, int) override { return false; }
+    bool onGesturePress(OrvContext*, const char*, int) override { return false; }
+    bool onGestureTap(OrvContext*, const char*, int) override { return false; }
+    bool onGestureScroll(OrvContext*, const char*, int) override { return false; }
+    bool onGestureFling(OrvContext*, const char*, int) override { return false; }
+    bool onGestureLongPress(OrvContext*, const char*, int) override { return false; }
 
   private:
     OrvReset() = default;

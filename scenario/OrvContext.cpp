@@ -38,6 +38,25 @@ void OrvContext::logAfter() {
              mTimeout);
 }
 
+void OrvContext::onAppEvent(const char* op, bool (OrvState::*handler)(OrvContext*, const char*, int),
+                            const char* pname, int pid) {
+    ORV_LOGD(ORV_CTX_HEAD "  -> %s(pname=%s, pid=%d)", ORV_CTX_ARGS, op, pname, pid);
+    (mState->*handler)(this, pname, pid);
+    logAfter();
+}
+
+void OrvContext::onBareEvent(bool withScreen, const char* call,
+                             bool (OrvState::*handler)(OrvContext*)) {
+    if (withScreen) {
+        ORV_LOGD("[%s][pid=%d,GLTid=%d,name=%s,Screen=%s]\n%s", ORV_CTX_ARGS, onOff(mIsScreenOn),
+                 call);
+    } else {
+        ORV_LOGD(ORV_CTX_HEAD "%s", ORV_CTX_ARGS, call);
+    }
+    (mState->*handler)(this);
+    logAfter();
+}
+
 void OrvContext::onLaunch(const char* name) {
     ORV_LOGD(ORV_CTX_HEAD "  -> onLaunch(name=%s)", ORV_CTX_ARGS, name);
     mState->onLaunch(this, name);
@@ -51,27 +70,19 @@ void OrvContext::onStart(const char* name, int pid, int glTid) {
 }
 
 void OrvContext::onDisplayed(const char* pname, int pid) {
-    ORV_LOGD(ORV_CTX_HEAD "  -> onDisplayed(pname=%s, pid=%d)", ORV_CTX_ARGS, pname, pid);
-    mState->onDisplayed(this, pname, pid);
-    logAfter();
+    onAppEvent("onDisplayed", &OrvState::onDisplayed, pname, pid);
 }
 
 void OrvContext::onListScroll(const char* pname, int pid) {
-    ORV_LOGD(ORV_CTX_HEAD "  -> onListScroll(pname=%s, pid=%d)", ORV_CTX_ARGS, pname, pid);
-    mState->onListScroll(this, pname, pid);
-    logAfter();
+    onAppEvent("onListScroll", &OrvState::onListScroll, pname, pid);
 }
 
 void OrvContext::onListFling(const char* pname, int pid) {
-    ORV_LOGD(ORV_CTX_HEAD "  -> onListFling(pname=%s, pid=%d)", ORV_CTX_ARGS, pname, pid);
-    mState->onListFling(this, pname, pid);
-    logAfter();
+    onAppEvent("onListFling", &OrvState::onListFling, pname, pid);
 }
 
 void OrvContext::onListIdle(const char* pname, int pid) {
-    ORV_LOGD(ORV_CTX_HEAD "  -> onListIdle(pname=%s, pid=%d)", ORV_CTX_ARGS, pname, pid);
-    mState->onListIdle(this, pname, pid);
-    logAfter();
+    onAppEvent("onListIdle", &OrvState::onListIdle, pname, pid);
 }
 
 void OrvContext::onTransit(int fromPid, const char* fromName, int toPid, const char* toName,
@@ -83,27 +94,19 @@ void OrvContext::onTransit(int fromPid, const char* fromName, int toPid, const c
 }
 
 void OrvContext::onRotateStart() {
-    ORV_LOGD(ORV_CTX_HEAD "  -> onRotateStart()", ORV_CTX_ARGS);
-    mState->onRotateStart(this);
-    logAfter();
+    onBareEvent(false, "  -> onRotateStart()", &OrvState::onRotateStart);
 }
 
 void OrvContext::onRotateStop() {
-    ORV_LOGD(ORV_CTX_HEAD "  ->onRotateStop()", ORV_CTX_ARGS);
-    mState->onRotateStop(this);
-    logAfter();
+    onBareEvent(false, "  ->onRotateStop()", &OrvState::onRotateStop);
 }
 
 void OrvContext::onScaleStart(const char* pname, int pid) {
-    ORV_LOGD(ORV_CTX_HEAD "  -> onScaleStart(pname=%s, pid=%d)", ORV_CTX_ARGS, pname, pid);
-    mState->onScaleStart(this, pname, pid);
-    logAfter();
+    onAppEvent("onScaleStart", &OrvState::onScaleStart, pname, pid);
 }
 
 void OrvContext::onScaleEnd(const char* pname, int pid) {
-    ORV_LOGD(ORV_CTX_HEAD "  -> onScaleEnd(pname=%s, pid=%d)", ORV_CTX_ARGS, pname, pid);
-    mState->onScaleEnd(this, pname, pid);
-    logAfter();
+    onAppEvent("onScaleEnd", &OrvState::onScaleEnd, pname, pid);
 }
 
 void OrvContext::onAttachGLThread(const char* pname, int pid, int tid) {
@@ -114,59 +117,39 @@ void OrvContext::onAttachGLThread(const char* pname, int pid, int tid) {
 }
 
 void OrvContext::onScreenOff() {
-    ORV_LOGD("[%s][pid=%d,GLTid=%d,name=%s,Screen=%s]\n  ->onScreenOff()", ORV_CTX_ARGS,
-             onOff(mIsScreenOn));
-    mState->onScreenOff(this);
-    logAfter();
+    onBareEvent(true, "  ->onScreenOff()", &OrvState::onScreenOff);
 }
 
 void OrvContext::onScreenOn() {
-    ORV_LOGD("[%s][pid=%d,GLTid=%d,name=%s,Screen=%s]\n ->onScreenOn()", ORV_CTX_ARGS,
-             onOff(mIsScreenOn));
-    mState->onScreenOn(this);
-    logAfter();
+    onBareEvent(true, " ->onScreenOn()", &OrvState::onScreenOn);
 }
 
 void OrvContext::onGestureDown(const char* pname, int pid) {
-    ORV_LOGD(ORV_CTX_HEAD "  -> onGestureDown(pname=%s, pid=%d)", ORV_CTX_ARGS, pname, pid);
-    mState->onGestureDown(this, pname, pid);
-    logAfter();
+    onAppEvent("onGestureDown", &OrvState::onGestureDown, pname, pid);
 }
 
 void OrvContext::onGesturePress(const char* pname, int pid) {
-    ORV_LOGD(ORV_CTX_HEAD "  -> onGesturePress(pname=%s, pid=%d)", ORV_CTX_ARGS, pname, pid);
-    mState->onGesturePress(this, pname, pid);
-    logAfter();
+    onAppEvent("onGesturePress", &OrvState::onGesturePress, pname, pid);
 }
 
 void OrvContext::onGestureTap(const char* pname, int pid) {
-    ORV_LOGD(ORV_CTX_HEAD "  -> onGestureTap(pname=%s, pid=%d)", ORV_CTX_ARGS, pname, pid);
-    mState->onGestureTap(this, pname, pid);
-    logAfter();
+    onAppEvent("onGestureTap", &OrvState::onGestureTap, pname, pid);
 }
 
 void OrvContext::onGestureScroll(const char* pname, int pid) {
-    ORV_LOGD(ORV_CTX_HEAD "  -> onGestureScroll(pname=%s, pid=%d)", ORV_CTX_ARGS, pname, pid);
-    mState->onGestureScroll(this, pname, pid);
-    logAfter();
+    onAppEvent("onGestureScroll", &OrvState::onGestureScroll, pname, pid);
 }
 
 void OrvContext::onGestureFling(const char* pname, int pid) {
-    ORV_LOGD(ORV_CTX_HEAD "  -> onGestureFling(pname=%s, pid=%d)", ORV_CTX_ARGS, pname, pid);
-    mState->onGestureFling(this, pname, pid);
-    logAfter();
+    onAppEvent("onGestureFling", &OrvState::onGestureFling, pname, pid);
 }
 
 void OrvContext::onGestureLongPress(const char* pname, int pid) {
-    ORV_LOGD(ORV_CTX_HEAD "  -> onGestureLongPress(pname=%s, pid=%d)", ORV_CTX_ARGS, pname, pid);
-    mState->onGestureLongPress(this, pname, pid);
-    logAfter();
+    onAppEvent("onGestureLongPress", &OrvState::onGestureLongPress, pname, pid);
 }
 
 void OrvContext::onTimeout() {
-    ORV_LOGD(ORV_CTX_HEAD "  -> onTimeout()", ORV_CTX_ARGS);
-    mState->onTimeout(this);
-    logAfter();
+    onBareEvent(false, "  -> onTimeout()", &OrvState::onTimeout);
 }
 
 void OrvContext::changeState(OrvState* next) {

@@ -52,4 +52,9 @@ class OrvContext {
   private:
     void setTimeout(OrvState* state);
     void logAfter();
+    // The entry points that only differ in their event's name and the state operation called.
+    void onAppEvent(const char* op, bool (OrvState::*handler)(OrvContext*, const char*, int),
+                    const char* pname, int pid);
+    // `call` is the tail of the "before" line, spacing included.
+    void onBareEvent(bool withScreen, const char* call, bool (OrvState::*handler)(OrvContext*));
 };

@@ -5,10 +5,10 @@
 #include "scenario/OrvAppStates.h"
 #include "scenario/OrvContext.h"
 
+// Leaving the gesture the way run would, without its pending expiry.
 bool OrvGestureBase::onLaunch(OrvContext* ctx, const char* name) {
     cancelTimer();
-    ctx->changeState(OrvLaunch::getInstance(), name, -1, -1);
-    return true;
+    return OrvRun::onLaunch(ctx, name);
 }
 
 bool OrvGestureBase::onStart(OrvContext* ctx, const char* name, int pid, int glTid) {
@@ -33,17 +33,17 @@ bool OrvGestureBase::onDisplayed(OrvContext* ctx, const char* pname, int pid) {
 
 bool OrvGestureBase::onScaleStart(OrvContext* ctx, const char* pname, int pid) {
     cancelTimer();
-    return moveOrReset(ctx, pname, pid, OrvScale::getInstance());
+    return OrvRun::onScaleStart(ctx, pname, pid);
 }
 
 bool OrvGestureBase::onListScroll(OrvContext* ctx, const char* pname, int pid) {
     cancelTimer();
-    return moveOrReset(ctx, pname, pid, OrvListviewScroll::getInstance());
+    return OrvRun::onListScroll(ctx, pname, pid);
 }
 
 bool OrvGestureBase::onListFling(OrvContext* ctx, const char* pname, int pid) {
     cancelTimer();
-    return moveOrReset(ctx, pname, pid, OrvListviewFling::getInstance());
+    return OrvRun::onListFling(ctx, pname, pid);
 }
 
 bool OrvGestureBase::onTransit(OrvContext* ctx, int, const char*, int toPid, const char* toName,
@@ -59,8 +59,7 @@ bool OrvGestureBase::onTransit(OrvContext* ctx, int, const char*, int toPid, con
 
 bool OrvGestureBase::onRotateStart(OrvContext* ctx) {
     cancelTimer();
-    ctx->changeState(OrvRotate::getInstance());
-    return true;
+    return OrvRun::onRotateStart(ctx);
 }
 
 bool OrvGestureBase::onTimeout(OrvContext* ctx) {

@@ -29,6 +29,11 @@ bool OrvRunBase::onTransit(OrvContext* ctx, int, const char*, int toPid, const c
     return true;
 }
 
+bool OrvRunBase::onRotateStart(OrvContext* ctx) {
+    ctx->changeState(OrvRotate::getInstance());
+    return true;
+}
+
 OrvRun* OrvRun::getInstance() {
     static OrvRun instance;
     return &instance;
@@ -53,11 +58,6 @@ bool OrvRun::onListScroll(OrvContext* ctx, const char* pname, int pid) {
 
 bool OrvRun::onListFling(OrvContext* ctx, const char* pname, int pid) {
     return moveOrReset(ctx, pname, pid, OrvListviewFling::getInstance());
-}
-
-bool OrvRun::onRotateStart(OrvContext* ctx) {
-    ctx->changeState(OrvRotate::getInstance());
-    return true;
 }
 
 bool OrvRun::onGestureDown(OrvContext* ctx, const char* pname, int pid) {
@@ -101,11 +101,6 @@ bool OrvScale::onListFling(OrvContext* ctx, const char* pname, int pid) {
     return moveOrReset(ctx, pname, pid, OrvListviewFling::getInstance());
 }
 
-bool OrvScale::onRotateStart(OrvContext* ctx) {
-    ctx->changeState(OrvRotate::getInstance());
-    return true;
-}
-
 OrvListviewScroll* OrvListviewScroll::getInstance() {
     static OrvListviewScroll instance;
     return &instance;
@@ -119,23 +114,6 @@ bool OrvListviewScroll::onListIdle(OrvContext* ctx, const char* pname, int pid) 
     return moveOrReset(ctx, pname, pid, OrvRun::getInstance());
 }
 
-bool OrvListviewScroll::onRotateStart(OrvContext* ctx) {
-    ctx->changeState(OrvRotate::getInstance());
-    return true;
-}
-
-bool OrvListviewScroll::onGestureDown(OrvContext*, const char*, int) {
-    return false;
-}
-
-bool OrvListviewScroll::onGestureScroll(OrvContext*, const char*, int) {
-    return false;
-}
-
-bool OrvListviewScroll::onGestureFling(OrvContext*, const char*, int) {
-    return false;
-}
-
 OrvListviewFling* OrvListviewFling::getInstance() {
     static OrvListviewFling instance;
     return &instance;
@@ -145,30 +123,9 @@ bool OrvListviewFling::onListIdle(OrvContext* ctx, const char* pname, int pid) {
     return moveOrReset(ctx, pname, pid, OrvRun::getInstance());
 }
 
-bool OrvListviewFling::onRotateStart(OrvContext* ctx) {
-    ctx->changeState(OrvRotate::getInstance());
-    return true;
-}
-
-bool OrvListviewFling::onGestureDown(OrvContext*, const char*, int) {
-    return false;
-}
-
-bool OrvListviewFling::onGestureScroll(OrvContext*, const char*, int) {
-    return false;
-}
-
-bool OrvListviewFling::onGestureFling(OrvContext*, const char*, int) {
-    return false;
-}
-
 OrvRotate* OrvRotate::getInstance() {
     static OrvRotate instance;
     return &instance;
-}
-
-bool OrvRotate::onDisplayed(OrvContext* ctx, const char* pname, int pid) {
-    return OrvRunBase::onDisplayed(ctx, pname, pid);
 }
 
 // The list settles while the screen turns; only a foreign app's list resets.

@@ -2,7 +2,7 @@
 #include "scenario/OrvState.h"
 
 // What every state of a running application shares: a launch or a start of another app leaves
-// for launch or start, a transit moves straight to the new app.
+// for launch or start, a transit moves straight to the new app, the screen may turn.
 class OrvRunBase : public OrvState {
   public:
     bool onLaunch(OrvContext* ctx, const char* name) override;
@@ -10,6 +10,7 @@ class OrvRunBase : public OrvState {
     bool onDisplayed(OrvContext* ctx, const char* pname, int pid) override;
     bool onTransit(OrvContext* ctx, int fromPid, const char* fromName, int toPid,
                    const char* toName, int toGlTid) override;
+    bool onRotateStart(OrvContext* ctx) override;
 
   protected:
     OrvRunBase() = default;
@@ -22,7 +23,6 @@ class OrvRun : public OrvRunBase {
     bool onScaleStart(OrvContext* ctx, const char* pname, int pid) override;
     bool onListScroll(OrvContext* ctx, const char* pname, int pid) override;
     bool onListFling(OrvContext* ctx, const char* pname, int pid) override;
-    bool onRotateStart(OrvContext* ctx) override;
     bool onGestureDown(OrvContext* ctx, const char* pname, int pid) override;
     bool onGesturePress(OrvContext* ctx, const char* pname, int pid) override;
     bool onGestureTap(OrvContext* ctx, const char* pname, int pid) override;
@@ -45,7 +45,6 @@ class OrvScale : public OrvRunBase {
     bool onScaleEnd(OrvContext* ctx, const char* pname, int pid) override;
     bool onListScroll(OrvContext* ctx, const char* pname, int pid) override;
     bool onListFling(OrvContext* ctx, const char* pname, int pid) override;
-    bool onRotateStart(OrvContext* ctx) override;
     const char* getStateNameStr() override { return "scale"; }
 
   private:
@@ -58,11 +57,10 @@ class OrvListviewScroll : public OrvRunBase {
 
     bool onListFling(OrvContext* ctx, const char* pname, int pid) override;
     bool onListIdle(OrvContext* ctx, const char* pname, int pid) override;
-    bool onRotateStart(OrvContext* ctx) override;
-    // Touch gestures are part of scrolling a list: dropped without a word.
-    bool onGestureDown(OrvContext* ctx, const char* pname, int pid) override;
-    bool onGestureScroll(OrvContext* ctx, const char* pname, int pid) override;
-    bool onGestureFling(OrvContext* ctx, const char* pname, int pid) override;
+    // Touch gestures are part of moving a list: dropped without a word.
+    bool onGestureDown(OrvContext*, const char*, int) override { return false; }
+    bool onGestureScroll(OrvContext*, const char*, int) override { return false; }
+    bool onGestureFling(OrvContext*, const char*, int) override { return false; }
     const char* getStateNameStr() override { return "listview_scroll"; }
 
   private:
@@ -74,10 +72,9 @@ class OrvListviewFling : public OrvRunBase {
     static OrvListviewFling* getInstance();
 
     bool onListIdle(OrvContext* ctx, const char* pname, int pid) override;
-    bool onRotateStart(OrvContext* ctx) override;
-    bool onGestureDown(OrvContext* ctx, const char* pname, int pid) override;
-    bool onGestureScroll(OrvContext* ctx, const char* pname, int pid) override;
-    bool onGestureFling(OrvContext* ctx, const char* pname, int pid) override;
+    bool onGestureDown(OrvContext*, const char*, int) override { return false; }
+    bool onGestureScroll(OrvContext*, const char*, int) override { return false; }
+    bool onGestureFling(OrvContext*, const char*, int) override { return false; }
     const char* getStateNameStr() override { return "listview_fling"; }
 
   private:
@@ -88,8 +85,9 @@ class OrvRotate : public OrvRunBase {
   public:
     static OrvRotate* getInstance();
 
-    bool onDisplayed(OrvContext* ctx, const char* pname, int pid) override;
     bool onListIdle(OrvContext* ctx, const char* pname, int pid) override;
+    // Already turning: the base class's warning, not another change.
+    bool onRotateStart(OrvContext* ctx) override { return OrvState::onRotateStart(ctx); }
     bool onRotateStop(OrvContext* ctx) override;
     const char* getStateNameStr() override { return "rotate"; }
 

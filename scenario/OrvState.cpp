@@ -24,23 +24,22 @@ bool OrvState::forceReset(OrvContext* ctx) {
     return true;
 }
 
-bool OrvState::resetWith(OrvContext* ctx, const char* line) {
-    ALOGW("%s", line);
+bool OrvState::resetWith(OrvContext* ctx, const char* op) {
+    ALOGW("unexpected %s event causes state reset by default.", op);
     return forceReset(ctx);
 }
 
-bool OrvState::ignore(const char* line) {
-    ALOGW("%s", line);
+bool OrvState::ignore(const char* op) {
+    ALOGW("unexpected %s event is ignored by default.", op);
     return false;
 }
 
-bool OrvState::ignoreOrReset(OrvContext* ctx, const char* pname, int pid, const char* ignoredLine,
-                             const char* resetLine) {
+bool OrvState::ignoreOrReset(OrvContext* ctx, const char* pname, int pid, const char* op) {
     if (isSameApp(ctx, pname)) {
         updatePid(ctx, pid);
-        return ignore(ignoredLine);
+        return ignore(op);
     }
-    return resetWith(ctx, resetLine);
+    return resetWith(ctx, op);
 }
 
 bool OrvState::moveOrReset(OrvContext* ctx, const char* pname, int pid, OrvState* next) {
@@ -52,17 +51,13 @@ bool OrvState::moveOrReset(OrvContext* ctx, const char* pname, int pid, OrvState
     return forceReset(ctx);
 }
 
-bool OrvState::attachOrReset(OrvContext* ctx, const char* pname, int pid, int tid,
-                             const char* resetLine) {
+bool OrvState::attachOrReset(OrvContext* ctx, const char* pname, int pid, int tid, const char* op) {
     if (isSameApp(ctx, pname)) {
         updatePid(ctx, pid);
         ctx->mGLTid = tid;
         return true;
     }
-    if (resetLine) {
-        ALOGW("%s", resetLine);
-    }
-    return forceReset(ctx);
+    return op ? resetWith(ctx, op) : forceReset(ctx);
 }
 
 bool OrvState::refreshOrStart(OrvContext* ctx, const char* name, int pid, int glTid) {
@@ -95,41 +90,35 @@ bool OrvState::onReset(OrvContext* ctx) {
 }
 
 bool OrvState::onLaunch(OrvContext* ctx, const char*) {
-    return resetWith(ctx, "unexpected onLaunch event causes state reset by default.");
+    return resetWith(ctx, "onLaunch");
 }
 
 bool OrvState::onStart(OrvContext* ctx, const char*, int, int) {
-    return resetWith(ctx, "unexpected onStart event causes state reset by default.");
+    return resetWith(ctx, "onStart");
 }
 
 bool OrvState::onDisplayed(OrvContext* ctx, const char* pname, int pid) {
-    return ignoreOrReset(ctx, pname, pid, "unexpected onDisplayed event is ignored by default.",
-                         "unexpected onDisplayed event causes state reset by default.");
+    return ignoreOrReset(ctx, pname, pid, "onDisplayed");
 }
 
 bool OrvState::onScaleStart(OrvContext* ctx, const char* pname, int pid) {
-    return ignoreOrReset(ctx, pname, pid, "unexpected onScaleStart event is ignored by default.",
-                         "unexpected onScaleStart event causes state reset by default.");
+    return ignoreOrReset(ctx, pname, pid, "onScaleStart");
 }
 
 bool OrvState::onScaleEnd(OrvContext* ctx, const char* pname, int pid) {
-    return ignoreOrReset(ctx, pname, pid, "unexpected onScaleEnd event is ignored by default.",
-                         "unexpected onScaleEnd event causes state reset by default.");
+    return ignoreOrReset(ctx, pname, pid, "onScaleEnd");
 }
 
 bool OrvState::onListScroll(OrvContext* ctx, const char* pname, int pid) {
-    return ignoreOrReset(ctx, pname, pid, "unexpected onListScroll event is ignored by default.",
-                         "unexpected onListScroll event causes state reset by default.");
+    return ignoreOrReset(ctx, pname, pid, "onListScroll");
 }
 
 bool OrvState::onListFling(OrvContext* ctx, const char* pname, int pid) {
-    return ignoreOrReset(ctx, pname, pid, "unexpected onListFling event is ignored by default.",
-                         "unexpected onListFling event causes state reset by default.");
+    return ignoreOrReset(ctx, pname, pid, "onListFling");
 }
 
 bool OrvState::onListIdle(OrvContext* ctx, const char* pname, int pid) {
-    return ignoreOrReset(ctx, pname, pid, "unexpected onListIdle event is ignored by default.",
-                         "unexpected onListIdle event causes state reset by default.");
+    return ignoreOrReset(ctx, pname, pid, "onListIdle");
 }
 
 bool OrvState::onTransit(OrvContext* ctx, int, const char*, int toPid, const char* toName,
@@ -138,22 +127,21 @@ bool OrvState::onTransit(OrvContext* ctx, int, const char*, int toPid, const cha
     if (toName == ctx->mAppName.c_str()) {
         ctx->mPid = toPid;
         ctx->mGLTid = toGlTid;
-        return ignore("unexpected onTransit event is ignored by default.");
+        return ignore("onTransit");
     }
-    return resetWith(ctx, "unexpected onTransit event causes state reset by default.");
+    return resetWith(ctx, "onTransit");
 }
 
 bool OrvState::onRotateStart(OrvContext*) {
-    return ignore("unexpected onRotateStart event is ignored by default.");
+    return ignore("onRotateStart");
 }
 
 bool OrvState::onRotateStop(OrvContext*) {
-    return ignore("unexpected onRotateStop event is ignored by default.");
+    return ignore("onRotateStop");
 }
 
 bool OrvState::onAttachGLThread(OrvContext* ctx, const char* pname, int pid, int tid) {
-    return attachOrReset(ctx, pname, pid, tid,
-                         "unexpected onAttachGLThread event causes state reset by default.");
+    return attachOrReset(ctx, pname, pid, tid, "onAttachGLThread");
 }
 
 bool OrvState::onProcStart(OrvContext*, const char*, int) {
@@ -167,37 +155,35 @@ bool OrvState::onScreenOff(OrvContext* ctx) {
 }
 
 bool OrvState::onScreenOn(OrvContext* ctx) {
-    ctx->mIsScreenOn = true;
-    ctx->changeState(OrvReset::getInstance(), "", -1, -1);
-    return true;
+    return forceReset(ctx);
 }
 
 bool OrvState::onGestureDown(OrvContext*, const char*, int) {
-    return ignore("unexpected onGestureDown event is ignored by default.");
+    return ignore("onGestureDown");
 }
 
 bool OrvState::onGesturePress(OrvContext*, const char*, int) {
-    return ignore("unexpected onGesturePress event is ignored by default.");
+    return ignore("onGesturePress");
 }
 
 bool OrvState::onGestureTap(OrvContext*, const char*, int) {
-    return ignore("unexpected onGestureTap event is ignored by default.");
+    return ignore("onGestureTap");
 }
 
 bool OrvState::onGestureScroll(OrvContext*, const char*, int) {
-    return ignore("unexpected onGestureScroll event is ignored by default.");
+    return ignore("onGestureScroll");
 }
 
 bool OrvState::onGestureFling(OrvContext*, const char*, int) {
-    return ignore("unexpected onGestureFling event is ignored by default.");
+    return ignore("onGestureFling");
 }
 
 bool OrvState::onGestureLongPress(OrvContext*, const char*, int) {
-    return ignore("unexpected onGestureLongPress event is ignored by default.");
+    return ignore("onGestureLongPress");
 }
 
 bool OrvState::onTimeout(OrvContext*) {
-    return ignore("unexpected onTimeout event is ignored by default.");
+    return ignore("onTimeout");
 }
 
 bool OrvState::isTimeout() {

@@ -39,20 +39,20 @@ class OrvState {
     OrvState(const OrvState&) = delete;
     OrvState& operator=(const OrvState&) = delete;
 
-    // The building blocks shared by the states' transition cells.
+    // The building blocks shared by the states' transition cells. `op` names the event in the
+    // warning lines ("unexpected <op> event ...").
     static bool isSameApp(OrvContext* ctx, const char* name);
     static void updatePid(OrvContext* ctx, int pid);
     // Back to reset with the screen flag forced on.
     static bool forceReset(OrvContext* ctx);
-    static bool resetWith(OrvContext* ctx, const char* line);
-    static bool ignore(const char* line);
+    static bool resetWith(OrvContext* ctx, const char* op);
+    static bool ignore(const char* op);
     // Same app: pid updated and the event ignored; another app: reset.
-    static bool ignoreOrReset(OrvContext* ctx, const char* pname, int pid, const char* ignoredLine,
-                              const char* resetLine);
+    static bool ignoreOrReset(OrvContext* ctx, const char* pname, int pid, const char* op);
     // Same app: pid updated, then a state change within the app; another app: reset.
     static bool moveOrReset(OrvContext* ctx, const char* pname, int pid, OrvState* next);
-    static bool attachOrReset(OrvContext* ctx, const char* pname, int pid, int tid,
-                              const char* resetLine);
+    // Same app: ids taken; another app: reset, with a warning only when `op` is given.
+    static bool attachOrReset(OrvContext* ctx, const char* pname, int pid, int tid, const char* op);
     // onStart of a tracked app: the same app only refreshes its ids, another one is started.
     static bool refreshOrStart(OrvContext* ctx, const char* name, int pid, int glTid);
     // onTransit of a tracked app: the same app only refreshes its ids.

@@ -1,5 +1,5 @@
-// The context's own rules that the state table cannot reach: its dump, its log lines, unknown
-// applications, the screen-off reset, the large time-out warning and the base-class defaults.
+// The context's own rules that the state table cannot reach: its dump, its log lines, the
+// screen-off reset, the large time-out warning and the base-class defaults.
 #include "OrvDaemonTestUtil.h"
 #include "scenario/OrvState.h"
 
@@ -25,24 +25,33 @@ class ContextTest : public ::testing::Test {
     OrvContext ctx;
 };
 
-TEST_F(ContextTest, DumpAndTheLargeTimeoutWarning) {
+TEST_F(ContextTest, DumpScreenOffAndTheLargeTimeoutWarning) {
     const std::string fresh =
         "[Context]:\n   App       : \n   State     : reset\n"
         "   PID       : -1\n   GLTID     : -1\n   Timeout   : 0\n"
         "   IsScreenOn: true\n";
     EXPECT_EQ(fresh, dump());
     runA();
-    ctx.onGestureTap("com.a", 100);  // a large time-out is used, with a warning
-    EXPECT_EQ(7000, ctx.mTimeout);
-    EXPECT_TRUE(env.log.has("gesture_tap_timeout = 7000 is quite large!", "OrvContext"));
-    EXPECT_TRUE(env.log.has("set timer(7000 ms)", "OrvTimer"));
+    ctx.onGestureTap("com.a", 100);  // 7000 ms is used, with a warning
     ctx.onGestureDown("com.a", 100);
+    EXPECT_TRUE(env.log.has("gesture_tap_timeout = 7000 is quite large!", "OrvContext"));
     EXPECT_EQ(1, env.log.countContaining("quite large"));
     ctx.onScreenOff();
-    ctx.onScreenOff();  // in reset: only the flag
+    ASSERT_TRUE(env.sync());
+    env.log.clear();
+    ctx.onScreenOff();  // in reset: the flag only; reset stays closed until the screen is on
+    ctx.onLaunch("com.a");
+    ctx.onStart("com.a", 1, 2);
+    ctx.onTransit(0, "", 1, "com.a", 2);
+    ASSERT_TRUE(env.sync());
+    EXPECT_TRUE(env.actions().empty());
     std::string off = fresh;
     EXPECT_EQ(off.replace(off.find("true"), 4, "false"), dump());
     ctx.onScreenOn();
+    ctx.onTransit(0, "", -1, "com.a", 2);  // an unknown pid never leaves reset
+    ctx.onLaunch("com.unknown");
+    EXPECT_EQ("reset", state());
+    EXPECT_TRUE(env.log.has("Change state to reset.(target:com.unknown)", "OrvContext"));
     ctx.onTransit(1, "x", 300, "com.b", 12);
     EXPECT_NE(std::string::npos, dump().find("   App       : com.b\n   State     : run\n"
                                              "   PID       : 300\n   GLTID     : 12\n"))
@@ -54,6 +63,7 @@ TEST_F(ContextTest, BeforeAndAfterLinesKeepTheirOddSpacingAndDebugOffSilencesThe
     ctx.onRotateStart();
     env.log.clear();
     ctx.onRotateStop();
+    ctx.onDisplayed("com.a", 100);
     ctx.onScreenOff();
     ctx.onScreenOn();
     ctx.onStart("com.a", 5, 6);
@@ -61,6 +71,8 @@ TEST_F(ContextTest, BeforeAndAfterLinesKeepTheirOddSpacingAndDebugOffSilencesThe
     ctx.onTransit(1, "f", 2, "t", 3);
     std::vector<std::string> want = {
         "[rotate][pid=100,GLTid=7,name=com.a]\n  ->onRotateStop()",
+        "[run][pid=100,GLTid=7,name=com.a,Screen=on,Timeout=0]",
+        "[run][pid=100,GLTid=7,name=com.a]\n  -> onDisplayed(pname=com.a, pid=100)",
         "[run][pid=100,GLTid=7,name=com.a,Screen=on,Timeout=0]",
         "[run][pid=100,GLTid=7,name=com.a,Screen=on]\n  ->onScreenOff()",
         "[reset][pid=-1,GLTid=-1,name=,Screen=off,Timeout=0]",
@@ -80,39 +92,6 @@ TEST_F(ContextTest, BeforeAndAfterLinesKeepTheirOddSpacingAndDebugOffSilencesThe
     ctx.onStart("com.a", 100, 7);
     EXPECT_EQ("start", state());
     EXPECT_TRUE(env.log.texts("OrvContext").empty());
-}
-
-TEST_F(ContextTest, UnknownApplicationEndsInResetFromEmptyToEmpty) {
-    ctx.onLaunch("com.unknown");
-    ASSERT_TRUE(env.sync());
-    EXPECT_TRUE(env.log.has("Change state to reset.(target:com.unknown)", "OrvContext"));
-    EXPECT_EQ("reset", state());
-    EXPECT_EQ("", ctx.mAppName);
-    using V = std::vector<std::string>;
-    EXPECT_EQ(V{"APP-SWITCH from[, -1, -1, reset] to[, -1, -1, reset] event[]"}, env.actions());
-
-    runA();  // from a running app, an unknown one drops straight back to reset
-    ASSERT_TRUE(env.sync());
-    env.log.clear();
-    ctx.onTransit(100, "com.a", 300, "com.unknown", 4);
-    ASSERT_TRUE(env.sync());
-    EXPECT_EQ(V{"APP-SWITCH from[com.a, 100, 7, run] to[, -1, -1, reset] event[]"}, env.actions());
-}
-
-TEST_F(ContextTest, ScreenOffKeepsResetClosedUntilScreenOn) {
-    ctx.onScreenOff();
-    ctx.onLaunch("com.a");
-    ctx.onStart("com.a", 1, 2);
-    ctx.onTransit(0, "", 1, "com.a", 2);
-    ASSERT_TRUE(env.sync());
-    EXPECT_EQ("reset", state());
-    EXPECT_FALSE(ctx.mIsScreenOn);
-    EXPECT_TRUE(env.actions().empty());
-    ctx.onScreenOn();
-    ctx.onTransit(0, "", -1, "com.a", 2);  // an unknown pid never leaves reset
-    EXPECT_EQ("reset", state());
-    ctx.onTransit(0, "", 1, "com.a", 2);
-    EXPECT_EQ("run", state());
 }
 
 // Defaults that every concrete state overrides, reached through a qualified call.
