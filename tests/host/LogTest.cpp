@@ -105,16 +105,16 @@ TEST(Log, HookSeesWholeTextOnceAndEchoSwitch) {
             EXPECT_EQ(ENOENT, errno);
             auto recs = quiet.records();
             ASSERT_EQ(1u, recs.size());
-            EXPECT_EQ(ANDROID_LOG_ERROR, recs[0].prio);
-            EXPECT_EQ("OrvTimer", recs[0].tag);
-            EXPECT_EQ("connect fail (ret=-1)\n", recs[0].text);
+            EXPECT_EQ(std::make_tuple(ANDROID_LOG_ERROR, std::string("OrvTimer"),
+                                      std::string("connect fail (ret=-1)\n")),
+                      std::make_tuple(recs[0].prio, recs[0].tag, recs[0].text));
         }
         {
             orvtest::LogCapture loud(true);
             __android_log_write(ANDROID_LOG_INFO, nullptr, "echoed");
             EXPECT_TRUE(loud.has("echoed"));
         }
-        __android_log_write(ANDROID_LOG_INFO, "T", "after");  // a null hook: plain stderr
+        __android_log_write(ANDROID_LOG_INFO, "T", "after");  // no hook: plain stderr
     });
     ASSERT_EQ(2u, lines.size()) << "echo=false keeps records off stderr";
     EXPECT_EQ("echoed", parse(lines[0]).text);

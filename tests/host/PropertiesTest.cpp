@@ -76,20 +76,6 @@ TEST(Properties, ValueLimitsDefaultsAndReadOnly) {
         EXPECT_EQ(0, property_set(name, "1") + property_set(name, "2")) << name;
 }
 
-TEST(Properties, StoreCreatedOnDemandAndRootReadEachCall) {
-    orvtest::TempRoot first;
-    EXPECT_EQ(0, property_set("sys.orv.enable", "true"));
-    {
-        orvtest::TempRoot second;
-        std::filesystem::remove_all(second / "dev");
-        EXPECT_EQ("none", get("sys.orv.enable", "none"));
-        EXPECT_EQ(0, property_set("sys.orv.enable", "false"));
-        EXPECT_EQ("false", stored(second, "sys.orv.enable"));
-        setenv("ORV_ROOT", first.path().c_str(), 1);
-        EXPECT_EQ("true", get("sys.orv.enable"));
-    }
-}
-
 TEST(Properties, SetIsAtomicForConcurrentReaders) {
     orvtest::TempRoot root;
     const std::string a(91, 'a'), b(7, 'b');

@@ -1,6 +1,7 @@
 #include "tools/orvctl/OrvCtlApp.h"
 
 #include <cutils/properties.h>
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -11,7 +12,7 @@ namespace {
 
 void pauseMs(int ms) {
     struct timespec ts = {ms / 1000, (ms % 1000) * 1000000L};
-    while (nanosleep(&ts, &ts) != 0) {
+    while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
     }
 }
 
@@ -115,9 +116,9 @@ int OrvCtlApp::runMessage(OrvCtlConnection& conn, const OrvCtlCommand& cmd,
             return EXIT_NO_REPLY;
         case OrvCtlConnection::CLOSED:
         case OrvCtlConnection::FAILED:
-            fprintf(stderr, "orvctl: %s: orvd closed the connection without a reply\n",
+            fprintf(stderr, "orvctl: %s: the connection to orvd broke before a reply\n",
                     label.c_str());
-            return EXIT_NO_REPLY;
+            return EXIT_UNREACHABLE;
     }
     if (code != cmd.code)
         fprintf(stderr, "orvctl: %s: the reply carries code %d, not %d\n", label.c_str(), code,
@@ -149,14 +150,10 @@ int OrvCtlApp::runReplay(const std::string& path) {
         fflush(stdout);
         std::string label = path + ":" + std::to_string(step.line);
         int s = runCommand(step.command, label);
-        if (s == EXIT_UNREACHABLE) {
-            status = s;
-            break;
-        }
-        if (s != EXIT_OK) {
-            if (step.command.expectsReply) printf("(no reply)\n");
-            if (status == EXIT_OK) status = s;
-        }
+        if (s != EXIT_OK && step.command.expectsReply) printf("(no reply)\n");
+        if (s != EXIT_OK && (status == EXIT_OK || s == EXIT_UNREACHABLE)) status = s;
+        // Every later line would meet the same broken connection.
+        if (s == EXIT_UNREACHABLE) break;
     }
     mShared = nullptr;
     return status;

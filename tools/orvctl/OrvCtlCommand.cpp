@@ -4,6 +4,7 @@
 #include <stdlib.h>
 
 #include <map>
+#include <set>
 
 namespace {
 
@@ -18,24 +19,56 @@ bool toInt(const std::string& text, int& out) {
     return true;
 }
 
+// Commands whose words map straight onto one frame: the arguments joined by ";" behind an
+// optional fixed first field. Argument names ending in "PID" or "TID" must be numbers.
+struct Direct {
+    const char* name;
+    int code;
+    const char* lead;
+    std::vector<const char*> args;
+};
+
+const Direct kDirect[] = {
+    {"dump", 900, nullptr, {}},
+    {"launch", 3, "-1", {"APP"}},
+    {"start", 3, nullptr, {"PID", "APP"}},
+    {"displayed", 4, nullptr, {"PID", "APP"}},
+    {"transit", 5, nullptr, {"FROM_PID", "FROM_APP", "TO_PID", "TO_APP"}},
+    {"proc-start", 1, nullptr, {"PID", "NAME"}},
+    {"proc-die", 2, nullptr, {"PID", "NAME"}},
+    {"gl-attach", 41, nullptr, {"PID", "TID"}},
+    {"gl-detach", 42, nullptr, {"PID", "TID"}},
+    {"wake", 303, nullptr, {}},
+    {"timeout", 500, nullptr, {}},
+    {"update", 301, nullptr, {"PATH"}},
+    {"event-mask", 400, "0", {"APP"}},
+    {"event-mask --pid", 400, "1", {"PID"}},
+    {"large-heap", 101, nullptr, {"PID"}},
+    {"heap-utilization", 102, nullptr, {"PID"}},
+    {"hw-accel", 103, nullptr, {"PID"}},
+    {"thermal-mask", 104, nullptr, {"APP"}},
+};
+
+// Sub-typed events: "list scroll 1234" becomes code 33 with payload "1234;1"; the rotation
+// words pick a code of their own and carry no payload.
 struct Sub {
     const char* word;
-    int type;
-};
-
-struct Family {
     int code;
-    std::vector<Sub> subs;
+    int type;  // -1: no payload
 };
 
-// The sub-typed events: "list scroll 1234" becomes code 33 with payload "1234;1".
-const std::map<std::string, Family>& families() {
-    static const std::map<std::string, Family> table = {
-        {"list", {33, {{"idle", 0}, {"scroll", 1}, {"fling", 2}}}},
+const std::map<std::string, std::vector<Sub>>& families() {
+    static const std::map<std::string, std::vector<Sub>> table = {
+        {"list", {{"idle", 33, 0}, {"scroll", 33, 1}, {"fling", 33, 2}}},
         {"gesture",
-         {34,
-          {{"down", 0}, {"press", 1}, {"tap", 2}, {"scroll", 3}, {"fling", 4}, {"long-press", 5}}}},
-        {"scale", {35, {{"start", 0}, {"continue", 1}, {"end", 2}}}},
+         {{"down", 34, 0},
+          {"press", 34, 1},
+          {"tap", 34, 2},
+          {"scroll", 34, 3},
+          {"fling", 34, 4},
+          {"long-press", 34, 5}}},
+        {"scale", {{"start", 35, 0}, {"continue", 35, 1}, {"end", 35, 2}}},
+        {"rotate", {{"start", 21, -1}, {"anim-start", 22, -1}, {"anim-end", 23, -1}}},
     };
     return table;
 }
@@ -45,49 +78,65 @@ bool fail(std::string& error, const std::string& text) {
     return false;
 }
 
-bool needArgs(const std::vector<std::string>& w, size_t n, const char* form, std::string& error) {
-    if (w.size() - 1 == n) return true;
-    return fail(error, std::string("usage: ") + form);
-}
-
-bool needPid(const std::string& text, const char* what, std::string& error) {
-    int v = 0;
-    if (toInt(text, v)) return true;
-    return fail(error, std::string(what) + " must be a decimal number, not \"" + text + "\"");
+bool isNumberArg(const std::string& name) {
+    return name.size() >= 3 && (name.compare(name.size() - 3, 3, "PID") == 0 ||
+                                name.compare(name.size() - 3, 3, "TID") == 0);
 }
 
 void message(OrvCtlCommand& out, int code, const std::string& payload) {
     out.kind = OrvCtlCommand::MESSAGE;
     out.code = code;
     out.payload = payload;
-    out.expectsReply = OrvCtlCommand::codeHasReply(code);
+    out.expectsReply = OrvCtlCommand::codeHasReply(code, payload);
+}
+
+// `args` are the words after the command's name.
+bool parseDirect(const Direct& d, const std::vector<std::string>& args, OrvCtlCommand& out,
+                 std::string& error) {
+    std::string form = d.name;
+    for (const char* a : d.args) form += std::string(" ") + a;
+    if (args.size() != d.args.size()) return fail(error, "usage: " + form);
+    std::string payload = d.lead ? d.lead : "";
+    for (size_t i = 0; i < args.size(); ++i) {
+        int v = 0;
+        if (isNumberArg(d.args[i]) && !toInt(args[i], v))
+            return fail(error, std::string(d.args[i]) + " must be a decimal number, not \"" +
+                                   args[i] + "\"");
+        payload += (i == 0 && !d.lead ? "" : ";") + args[i];
+    }
+    message(out, d.code, payload);
+    return true;
+}
+
+bool parseFamily(const std::string& name, const std::vector<Sub>& subs,
+                 const std::vector<std::string>& w, OrvCtlCommand& out, std::string& error) {
+    const bool withPid = subs.front().type >= 0;
+    std::string words;
+    for (const Sub& s : subs) words += (words.empty() ? "" : "|") + std::string(s.word);
+    const std::string form = "usage: " + name + " " + words + (withPid ? " PID" : "");
+    if (w.size() != (withPid ? 3u : 2u)) return fail(error, form);
+    for (const Sub& s : subs) {
+        if (w[1] != s.word) continue;
+        int pid = 0;
+        if (withPid && !toInt(w[2], pid))
+            return fail(error, "PID must be a decimal number, not \"" + w[2] + "\"");
+        message(out, s.code, withPid ? w[2] + ";" + std::to_string(s.type) : "");
+        return true;
+    }
+    return fail(error, form);
 }
 
 }  // namespace
 
-bool OrvCtlCommand::codeHasReply(int code) {
-    switch (code) {
-        case 1:
-        case 2:
-        case 3:
-        case 4:
-        case 5:
-        case 21:
-        case 22:
-        case 23:
-        case 33:
-        case 34:
-        case 35:
-        case 41:
-        case 42:
-        case 301:
-        case 302:
-        case 303:
-        case 500:
-            return false;
-        default:
-            return true;
+bool OrvCtlCommand::codeHasReply(int code, const std::string& payload) {
+    static const std::set<int> kSilent = {1,  2,  3,  4,  5,   21,  22,  23, 33,
+                                          34, 35, 41, 42, 301, 302, 303, 500};
+    // orvd answers a query only for the two types it knows (read, like orvd, with atoi).
+    if (code == 400) {
+        const int type = atoi(payload.c_str());
+        return type == 0 || type == 1;
     }
+    return kSilent.count(code) == 0;
 }
 
 std::string OrvCtlCommand::frame(int code, const std::string& payload) {
@@ -99,137 +148,54 @@ bool OrvCtlCommand::parse(const std::vector<std::string>& w, bool inTrace, OrvCt
     out = OrvCtlCommand();
     if (w.empty()) return fail(error, "no command");
     const std::string& cmd = w[0];
+    const std::vector<std::string> rest(w.begin() + 1, w.end());
 
-    if (cmd == "dump") {
-        if (!needArgs(w, 0, "dump", error)) return false;
-        message(out, 900, "");
-        return true;
+    const bool byPid = cmd == "event-mask" && !rest.empty() && rest[0] == "--pid";
+    for (const Direct& d : kDirect) {
+        if (d.name != (byPid ? cmd + " --pid" : cmd)) continue;
+        return parseDirect(d, byPid ? std::vector<std::string>(rest.begin() + 1, rest.end()) : rest,
+                           out, error);
     }
+    auto fam = families().find(cmd);
+    if (fam != families().end()) return parseFamily(cmd, fam->second, w, out, error);
+
     if (cmd == "send") {
-        if (w.size() < 2 || w.size() > 3) return fail(error, "usage: send CODE [PAYLOAD]");
         int code = 0;
-        if (!toInt(w[1], code) || code < 1)
-            return fail(error, "CODE must be a number of 1 or more, not \"" + w[1] + "\"");
-        message(out, code, w.size() == 3 ? w[2] : "");
+        if (rest.empty() || rest.size() > 2) return fail(error, "usage: send CODE [PAYLOAD]");
+        if (!toInt(rest[0], code) || code < 1)
+            return fail(error, "CODE must be a number of 1 or more, not \"" + rest[0] + "\"");
+        message(out, code, rest.size() == 2 ? rest[1] : "");
         out.printCode = true;
         return true;
     }
-    if (cmd == "launch") {
-        if (!needArgs(w, 1, "launch APP", error)) return false;
-        message(out, 3, "-1;" + w[1]);
-        return true;
-    }
-    if (cmd == "start" || cmd == "displayed" || cmd == "proc-start" || cmd == "proc-die") {
-        static const std::map<std::string, int> codes = {
-            {"start", 3}, {"displayed", 4}, {"proc-start", 1}, {"proc-die", 2}};
-        std::string form = cmd + (cmd.compare(0, 5, "proc-") == 0 ? " PID NAME" : " PID APP");
-        if (!needArgs(w, 2, form.c_str(), error) || !needPid(w[1], "PID", error)) return false;
-        message(out, codes.at(cmd), w[1] + ";" + w[2]);
-        return true;
-    }
-    if (cmd == "transit") {
-        if (!needArgs(w, 4, "transit FROM_PID FROM_APP TO_PID TO_APP", error) ||
-            !needPid(w[1], "FROM_PID", error) || !needPid(w[3], "TO_PID", error))
-            return false;
-        message(out, 5, w[1] + ";" + w[2] + ";" + w[3] + ";" + w[4]);
-        return true;
-    }
-    if (cmd == "gl-attach" || cmd == "gl-detach") {
-        std::string form = cmd + " PID TID";
-        if (!needArgs(w, 2, form.c_str(), error) || !needPid(w[1], "PID", error) ||
-            !needPid(w[2], "TID", error))
-            return false;
-        message(out, cmd == "gl-attach" ? 41 : 42, w[1] + ";" + w[2]);
-        return true;
-    }
-    auto fam = families().find(cmd);
-    if (fam != families().end()) {
-        std::string words;
-        for (const Sub& s : fam->second.subs)
-            words += (words.empty() ? "" : "|") + std::string(s.word);
-        std::string form = cmd + " " + words + " PID";
-        if (!needArgs(w, 2, form.c_str(), error)) return false;
-        for (const Sub& s : fam->second.subs) {
-            if (w[1] != s.word) continue;
-            if (!needPid(w[2], "PID", error)) return false;
-            message(out, fam->second.code, w[2] + ";" + std::to_string(s.type));
-            return true;
-        }
-        return fail(error, "usage: " + form);
-    }
-    if (cmd == "rotate") {
-        static const std::map<std::string, int> codes = {
-            {"start", 21}, {"anim-start", 22}, {"anim-end", 23}};
-        if (!needArgs(w, 1, "rotate start|anim-start|anim-end", error)) return false;
-        auto it = codes.find(w[1]);
-        if (it == codes.end()) return fail(error, "usage: rotate start|anim-start|anim-end");
-        message(out, it->second, "");
-        return true;
-    }
     if (cmd == "sleep") {
-        if (w.size() == 2 && inTrace) {
-            int ms = 0;
-            if (!toInt(w[1], ms) || ms < 0)
-                return fail(error, "sleep MS: MS must be a number of 0 or more");
-            out.kind = PAUSE;
-            out.pauseMs = ms;
+        int ms = 0;
+        if (rest.empty()) {
+            message(out, 302, "");
             return true;
         }
-        if (!needArgs(w, 0, inTrace ? "sleep [MS]" : "sleep", error)) return false;
-        message(out, 302, "");
+        if (!inTrace || rest.size() != 1)
+            return fail(error, inTrace ? "usage: sleep [MS]" : "usage: sleep");
+        if (!toInt(rest[0], ms) || ms < 0)
+            return fail(error, "sleep MS: MS must be a number of 0 or more");
+        out.kind = PAUSE;
+        out.pauseMs = ms;
         return true;
     }
-    if (cmd == "wake" || cmd == "timeout") {
-        if (!needArgs(w, 0, cmd.c_str(), error)) return false;
-        message(out, cmd == "wake" ? 303 : 500, "");
-        return true;
-    }
-    if (cmd == "update") {
-        if (!needArgs(w, 1, "update PATH", error)) return false;
-        message(out, 301, w[1]);
-        return true;
-    }
-    if (cmd == "event-mask") {
-        if (w.size() == 3 && w[1] == "--pid") {
-            if (!needPid(w[2], "PID", error)) return false;
-            message(out, 400, "1;" + w[2]);
-            return true;
-        }
-        if (!needArgs(w, 1, "event-mask APP | event-mask --pid PID", error)) return false;
-        message(out, 400, "0;" + w[1]);
-        return true;
-    }
-    if (cmd == "large-heap" || cmd == "heap-utilization" || cmd == "hw-accel") {
-        static const std::map<std::string, int> codes = {
-            {"large-heap", 101}, {"heap-utilization", 102}, {"hw-accel", 103}};
-        std::string form = cmd + " PID";
-        if (!needArgs(w, 1, form.c_str(), error) || !needPid(w[1], "PID", error)) return false;
-        message(out, codes.at(cmd), w[1]);
-        return true;
-    }
-    if (cmd == "thermal-mask") {
-        if (!needArgs(w, 1, "thermal-mask APP", error)) return false;
-        message(out, 104, w[1]);
-        return true;
-    }
-    if (cmd == "getprop") {
-        if (!needArgs(w, 1, "getprop NAME", error)) return false;
-        out.kind = GETPROP;
-        out.arg1 = w[1];
-        return true;
-    }
-    if (cmd == "setprop") {
-        if (!needArgs(w, 2, "setprop NAME VALUE", error)) return false;
-        out.kind = SETPROP;
-        out.arg1 = w[1];
-        out.arg2 = w[2];
+    if (cmd == "getprop" || cmd == "setprop") {
+        const bool set = cmd == "setprop";
+        if (rest.size() != (set ? 2u : 1u))
+            return fail(error, set ? "usage: setprop NAME VALUE" : "usage: getprop NAME");
+        out.kind = set ? SETPROP : GETPROP;
+        out.arg1 = rest[0];
+        if (set) out.arg2 = rest[1];
         return true;
     }
     if (cmd == "replay") {
         if (inTrace) return fail(error, "replay cannot be nested in a trace");
-        if (!needArgs(w, 1, "replay FILE", error)) return false;
+        if (rest.size() != 1) return fail(error, "usage: replay FILE");
         out.kind = REPLAY;
-        out.arg1 = w[1];
+        out.arg1 = rest[0];
         return true;
     }
     return fail(error, "unknown command \"" + cmd + "\" (see orvctl --help)");

@@ -1,5 +1,6 @@
 #include "tools/orvpolicy/OrvPolicyApp.h"
 
+#include <ctype.h>
 #include <errno.h>
 #include <orvhost/host.h>
 #include <stdio.h>
@@ -67,49 +68,41 @@ int OrvPolicyApp::run(int argc, char** argv) {
     return EXIT_FINDINGS;
 }
 
-int OrvPolicyApp::check(const std::vector<std::string>& files) {
+int OrvPolicyApp::forEachDocument(const std::vector<std::string>& files, const Judge& judge) {
     int status = EXIT_OK;
     for (const auto& file : files) {
         OrvPolicyDocument doc;
         OrvPolicyDocument::Status s = doc.load(file);
+        bool findings = false;
         if (s == OrvPolicyDocument::UNREADABLE) {
             fprintf(stderr, "orvpolicy: %s: cannot read the file (%s)\n", file.c_str(),
                     strerror(errno));
             status = EXIT_UNREADABLE;
-            continue;
-        }
-        if (s == OrvPolicyDocument::INVALID) {
+        } else if (s == OrvPolicyDocument::INVALID) {
             printProblems(file, doc);
-            if (status == EXIT_OK) status = EXIT_FINDINGS;
-            continue;
+            findings = true;
+        } else {
+            findings = judge(file, doc);
         }
-        OrvPolicyReport report;
-        OrvPolicyChecker(doc.root(), doc.isProtected(), report).run();
-        fputs(report.format(file).c_str(), stdout);
-        if (report.errorCount() > 0 && status == EXIT_OK) status = EXIT_FINDINGS;
+        if (findings && status == EXIT_OK) status = EXIT_FINDINGS;
     }
     return status;
 }
 
+int OrvPolicyApp::check(const std::vector<std::string>& files) {
+    return forEachDocument(files, [](const std::string& file, const OrvPolicyDocument& doc) {
+        OrvPolicyReport report;
+        OrvPolicyChecker(doc.root(), doc.isProtected(), report).run();
+        fputs(report.format(file).c_str(), stdout);
+        return report.errorCount() > 0;
+    });
+}
+
 int OrvPolicyApp::info(const std::vector<std::string>& files) {
-    int status = EXIT_OK;
-    for (const auto& file : files) {
-        OrvPolicyDocument doc;
-        OrvPolicyDocument::Status s = doc.load(file);
-        if (s == OrvPolicyDocument::UNREADABLE) {
-            fprintf(stderr, "orvpolicy: %s: cannot read the file (%s)\n", file.c_str(),
-                    strerror(errno));
-            status = EXIT_UNREADABLE;
-            continue;
-        }
-        if (s == OrvPolicyDocument::INVALID) {
-            printProblems(file, doc);
-            if (status == EXIT_OK) status = EXIT_FINDINGS;
-            continue;
-        }
+    return forEachDocument(files, [](const std::string& file, const OrvPolicyDocument& doc) {
         fputs(OrvPolicyInfo(doc.root()).format(file, doc.isProtected()).c_str(), stdout);
-    }
-    return status;
+        return false;
+    });
 }
 
 bool OrvPolicyApp::writeFile(const std::string& path, const std::string& data) {

@@ -1,7 +1,10 @@
 #pragma once
 // orvpolicy's command line: check, info, protect, unprotect.
+#include <functional>
 #include <string>
 #include <vector>
+
+class OrvPolicyDocument;
 
 class OrvPolicyApp {
   public:
@@ -10,6 +13,9 @@ class OrvPolicyApp {
     int run(int argc, char** argv);
 
   private:
+    // Loads each file and hands the readable ones to `judge`, which returns true on findings.
+    using Judge = std::function<bool(const std::string& file, const OrvPolicyDocument& doc)>;
+    int forEachDocument(const std::vector<std::string>& files, const Judge& judge);
     int check(const std::vector<std::string>& files);
     int info(const std::vector<std::string>& files);
     int protect(const std::vector<std::string>& args);

@@ -1,5 +1,6 @@
 #include "tools/orvpolicy/OrvPolicyChecker.h"
 
+#include <stdio.h>
 #include <stdlib.h>
 
 #include <functional>
@@ -26,12 +27,9 @@ std::string fmt(float v) {
 }  // namespace
 
 float OrvPolicyChecker::parseVersion(const std::string& text) {
-    std::istringstream in(text);
-    char prefix = 0;
+    // The engine's own reading: one non-blank character, then a number (nan and hex included).
     float v = 0.0f;
-    if (!(in >> prefix)) return 0.0f;
-    if (!(in >> v)) return 0.0f;
-    return v;
+    return sscanf(text.c_str(), " %*c%f", &v) == 1 ? v : 0.0f;
 }
 
 bool OrvPolicyChecker::isStateName(const std::string& name) {
@@ -54,7 +52,8 @@ void OrvPolicyChecker::run() {
         if (key != "parser" && key != "version" && key != "applications" && key != "default" &&
             key != "policy_group")
             mReport.warning(key, "unknown top-level key, never read");
-    checkVersions();
+    checkVersion("parser", true);
+    checkVersion("version", false);
 
     const Json::Value& groups = mRoot["policy_group"];
     if (!groups.isNull() && !groups.isObject())
@@ -62,34 +61,26 @@ void OrvPolicyChecker::run() {
     else
         checkGroupCycles();
 
-    const Json::Value& def = mRoot["default"];
-    if (!def.isNull()) {
-        if (!def.isObject()) {
-            mReport.error("default", "must be an object");
+    // Only default.action.reset.policy is read; everything beside that path is reported.
+    const Json::Value* node = &mRoot;
+    std::string loc;
+    static const char* const kDefaultPath[] = {"default", "action", "reset", "policy"};
+    for (int i = 0; i < 3 && node; ++i) {
+        loc += (i ? "." : "") + std::string(kDefaultPath[i]);
+        node = &(*node)[kDefaultPath[i]];
+        if (node->isNull()) {
+            node = nullptr;
+        } else if (!node->isObject()) {
+            mReport.error(loc, "must be an object");
+            node = nullptr;
         } else {
-            for (const auto& key : def.getMemberNames())
-                if (key != "action") mReport.warning("default." + key, "never read");
-            const Json::Value& action = def["action"];
-            if (!action.isNull() && !action.isObject()) {
-                mReport.error("default.action", "must be an object");
-            } else if (action.isObject()) {
-                for (const auto& key : action.getMemberNames())
-                    if (key != "reset")
-                        mReport.warning("default.action." + key,
-                                        "only the reset policy of \"default\" is read");
-                const Json::Value& reset = action["reset"];
-                if (!reset.isNull() && !reset.isObject()) {
-                    mReport.error("default.action.reset", "must be an object");
-                } else if (reset.isObject()) {
-                    for (const auto& key : reset.getMemberNames())
-                        if (key != "policy")
-                            mReport.warning("default.action.reset." + key,
-                                            "only \"policy\" of the default reset is read");
-                    checkSet("default.action.reset.policy", reset["policy"]);
-                }
-            }
+            for (const auto& key : node->getMemberNames())
+                if (key != kDefaultPath[i + 1])
+                    mReport.warning(loc + "." + key,
+                                    "never read: only default.action.reset.policy is");
         }
     }
+    if (node) checkSet("default.action.reset.policy", (*node)["policy"]);
 
     const Json::Value& apps = mRoot["applications"];
     if (!apps.isNull() && !apps.isObject()) {
@@ -108,11 +99,6 @@ void OrvPolicyChecker::run() {
             checkSet("policy_group." + name, groups[name]);
         }
     }
-}
-
-void OrvPolicyChecker::checkVersions() {
-    checkVersion("parser", true);
-    checkVersion("version", false);
 }
 
 void OrvPolicyChecker::checkVersion(const char* key, bool isParser) {
@@ -198,6 +184,10 @@ void OrvPolicyChecker::checkParams(const std::string& name, const Json::Value& p
         const Json::Value& v = params[key];
         if (key == "reference") {
             checkReference(name, "param", v);
+            continue;
+        }
+        if (v.isNull()) {
+            mReport.warning(loc, "null counts as absent; orvd answers as if it were not there");
             continue;
         }
         if (v.isArray() || v.isObject()) {
@@ -335,11 +325,8 @@ void OrvPolicyChecker::checkSet(const std::string& loc, const Json::Value& set) 
 }
 
 void OrvPolicyChecker::checkMethod(const std::string& loc, const Json::Value& m) {
-    if (m.isNull()) {
-        mReport.error(loc, "no \"method\": orvd reports it and skips it");
-        return;
-    }
-    if (!m.isObject()) {
+    // A null element reads as one without "method"; orvd skips any other non-object as well.
+    if (!m.isNull() && !m.isObject()) {
         mReport.error(loc, "a method must be an object");
         return;
     }

@@ -23,7 +23,6 @@ class OrvPolicyChecker {
     static bool isStateName(const std::string& name);
 
   private:
-    void checkVersions();
     void checkVersion(const char* key, bool isParser);
     void checkApplication(const std::string& name, const Json::Value& app);
     void checkParams(const std::string& name, const Json::Value& params);

@@ -1,7 +1,7 @@
 #include "tools/orvpolicy/OrvPolicyDocument.h"
 
-#include <fstream>
-#include <sstream>
+#include <errno.h>
+#include <stdio.h>
 
 #include "tools/codec/OrvPolicyEncoder.h"
 
@@ -31,13 +31,18 @@ bool looksProtected(const std::string& text) {
 }  // namespace
 
 bool OrvPolicyDocument::readFile(const std::string& path, std::string& out) {
-    std::ifstream in(path, std::ios::binary);
+    // stdio, not a stream: a directory opens but fails to read, and errno then says so.
+    FILE* in = fopen(path.c_str(), "rb");
     if (!in) return false;
-    std::stringstream ss;
-    ss << in.rdbuf();
-    if (in.bad()) return false;
-    out = ss.str();
-    return true;
+    out.clear();
+    char buf[65536];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof(buf), in)) > 0) out.append(buf, n);
+    const bool ok = !ferror(in);
+    const int err = errno;
+    fclose(in);
+    errno = err;
+    return ok;
 }
 
 bool OrvPolicyDocument::parse(const std::string& text, Json::Value& root,

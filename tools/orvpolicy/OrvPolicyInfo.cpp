@@ -10,8 +10,9 @@ OrvPolicyInfo::OrvPolicyInfo(const Json::Value& root) : mRoot(root) {
     if (apps.isObject()) {
         for (const auto& name : apps.getMemberNames()) {
             ++applications;
-            const Json::Value& action = apps[name]["action"];
-            if (!action.isObject()) continue;
+            const Json::Value& app = apps[name];
+            if (!app.isObject() || !app["action"].isObject()) continue;
+            const Json::Value& action = app["action"];
             if (action.isMember("reference")) ++referencing;
             for (const auto& state : action.getMemberNames()) {
                 if (!action[state].isObject()) continue;

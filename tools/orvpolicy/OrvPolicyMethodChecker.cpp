@@ -252,23 +252,23 @@ void OrvPolicyMethodChecker::checkIoctl(const std::string& loc, const Json::Valu
     }
     std::string where = "method_ioctl_cfg: ";
     OrvIoctlCfg c;
-    if (!cfg["dir"].isString()) {
-        mReport.error(loc, where + "\"dir\" must be a text such as \"_IOW\"");
-        return;
-    }
-    if (!c.setDir(cfg["dir"].asCString())) {
-        mReport.error(loc, where + "unknown \"dir\" " + quoted(cfg["dir"].asString()) +
-                               " (_IO, _IOW, _IOR or _IOWR)");
-        return;
-    }
-    if (!cfg["type"].isString()) {
-        mReport.error(loc, where + "\"type\" must be a text: one character or a hex number");
-        return;
-    }
-    if (!c.setType(cfg["type"].asCString())) {
-        mReport.error(loc, where + "bad \"type\" " + quoted(cfg["type"].asString()) +
-                               ": one character, or a hex number like \"0x54\"");
-        return;
+    // The two text fields, in the engine's order: each must be a text its setter accepts.
+    const struct {
+        const char* key;
+        bool (OrvIoctlCfg::*set)(const char*);
+        const char* form;
+    } kTextFields[] = {
+        {"dir", &OrvIoctlCfg::setDir, "_IO, _IOW, _IOR or _IOWR"},
+        {"type", &OrvIoctlCfg::setType, "one character, or a hex number like \"0x54\""},
+    };
+    for (const auto& f : kTextFields) {
+        const Json::Value& v = cfg[f.key];
+        if (!v.isString() || !(c.*f.set)(v.asCString())) {
+            mReport.error(loc, where + "bad " + quoted(f.key) + " " +
+                                   (v.isString() ? quoted(v.asString()) : kindName(v)) + ": " +
+                                   f.form);
+            return;
+        }
     }
     if (!cfg["nr"].isInt()) {
         mReport.error(loc, where + "\"nr\" must be an integer");

@@ -8,19 +8,7 @@
 
 #include <string>
 
-namespace {
-
-// A non-blocking descriptor still gets the whole message.
-bool waitWritable(int fd) {
-    pollfd p = {fd, POLLOUT, 0};
-    int r;
-    do {
-        r = poll(&p, 1, -1);
-    } while (r < 0 && errno == EINTR);
-    return r > 0 && (p.revents & POLLOUT);
-}
-
-}  // namespace
+#include "HostInternal.h"
 
 SocketClient::SocketClient(int sock, bool owned) : SocketClient(sock, owned, false) {}
 
@@ -86,7 +74,10 @@ int SocketClient::sendData(const void* data, int len) {
         // MSG_NOSIGNAL: a vanished peer yields EPIPE instead of killing the daemon.
         ssize_t n = send(mSocket, p, left, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && waitWritable(mSocket)) continue;
+        // A non-blocking descriptor still gets the whole message.
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) &&
+            (orvhost::waitFor(mSocket, POLLOUT) & POLLOUT))
+            continue;
         if (n <= 0) {
             if (n == 0) errno = EIO;
             result = -1;

@@ -16,53 +16,29 @@
 #include <mutex>
 #include <vector>
 
+#include "HostInternal.h"
+
 namespace {
 
 constexpr int kDefaultBacklog = 4;
 // After a hard accept failure (out of descriptors), how long the listening socket rests.
 constexpr int kAcceptPauseMs = 100;
 
-bool makeParentDirs(const std::string& path) {
-    size_t pos = 0;
-    while ((pos = path.find('/', pos + 1)) != std::string::npos) {
-        std::string dir = path.substr(0, pos);
-        if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) return false;
-    }
-    return true;
-}
-
-bool fillAddress(const std::string& path, sockaddr_un* addr) {
-    memset(addr, 0, sizeof(*addr));
-    addr->sun_family = AF_UNIX;
-    if (path.size() >= sizeof(addr->sun_path)) return false;
-    memcpy(addr->sun_path, path.c_str(), path.size());
-    return true;
-}
-
 // True when something accepts connections on the socket file.
-bool isLive(const sockaddr_un& addr) {
-    int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+bool isLive(const sockaddr_un& addr, socklen_t addrLen) {
+    // Non-blocking: a live daemon with a full backlog must not stall the probe.
+    int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (probe < 0) return false;
-    int r;
-    do {
-        r = connect(probe, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr));
-    } while (r != 0 && errno == EINTR);
+    int r = connect(probe, reinterpret_cast<const sockaddr*>(&addr), addrLen);
+    bool live = r == 0 || errno == EAGAIN || errno == EINPROGRESS;
     close(probe);
-    return r == 0;
+    return live;
 }
 
 }  // namespace
 
-SocketListener::SocketListener(const char* socketName, bool listen)
-    : mListen(listen),
-      mSocketName(socketName),
-      mSock(-1),
-      mSockOwned(false),
-      mSockIno(0),
-      mCtrlPipe{-1, -1},
-      mThread(),
-      mThreadStarted(false) {
-    pthread_mutex_init(&mClientsLock, nullptr);
+SocketListener::SocketListener(const char* socketName, bool listen) : SocketListener(-1, listen) {
+    mSocketName = socketName;
 }
 
 SocketListener::SocketListener(int socketFd, bool listen)
@@ -80,7 +56,7 @@ SocketListener::SocketListener(int socketFd, bool listen)
 SocketListener::~SocketListener() {
     if (mThreadStarted) stopListener();
     releaseClients();
-    if (mSockOwned && mSock >= 0) close(mSock);
+    closeSocket();
     pthread_mutex_destroy(&mClientsLock);
 }
 
@@ -93,39 +69,59 @@ int SocketListener::startListener(int backlog) {
         ALOGE("listener already started");
         return -1;
     }
-    if (openSocket(backlog) != 0) return -1;
-    if (pipe2(mCtrlPipe, O_CLOEXEC) != 0) {
-        ALOGE("pipe failed (%s)", strerror(errno));
-        mCtrlPipe[0] = mCtrlPipe[1] = -1;
+    if (openSocket(backlog) != 0) {
+        releaseClients();
+        closeSocket();
         return -1;
     }
-    int err = pthread_create(&mThread, nullptr, threadStart, this);
+    int err = pipe2(mCtrlPipe, O_CLOEXEC) != 0 ? errno : 0;
+    if (err == 0) {
+        err = pthread_create(&mThread, nullptr, threadStart, this);
+        if (err != 0) closeCtrlPipe();
+    }
     if (err != 0) {
-        ALOGE("pthread_create failed (%s)", strerror(err));
-        close(mCtrlPipe[0]);
-        close(mCtrlPipe[1]);
+        ALOGE("cannot start the listener thread (%s)", strerror(err));
         mCtrlPipe[0] = mCtrlPipe[1] = -1;
+        releaseClients();
+        closeSocket();
         return -1;
     }
     mThreadStarted = true;
     return 0;
 }
 
+void SocketListener::closeCtrlPipe() {
+    close(mCtrlPipe[0]);
+    close(mCtrlPipe[1]);
+    mCtrlPipe[0] = mCtrlPipe[1] = -1;
+}
+
+void SocketListener::closeSocket() {
+    if (mSockOwned && mSock >= 0) {
+        close(mSock);
+        mSock = -1;
+        mSockOwned = false;
+    }
+    if (!mSockPath.empty()) {
+        // Only our own file: another daemon may have taken the name since.
+        struct stat st;
+        if (lstat(mSockPath.c_str(), &st) == 0 && static_cast<unsigned long>(st.st_ino) == mSockIno)
+            unlink(mSockPath.c_str());
+        mSockPath.clear();
+    }
+}
+
 int SocketListener::openSocket(int backlog) {
     if (mSocketName && mSock < 0) {
         int fd = android_get_control_socket(mSocketName);
-        if (fd >= 0) {
-            mSock = fd;
-            mSockOwned = true;
-        } else {
+        if (fd < 0) {
             std::string var = std::string(ANDROID_SOCKET_ENV_PREFIX) + mSocketName;
             if (getenv(var.c_str())) ALOGW("%s is not a socket; creating one", var.c_str());
-            std::string path = orvhost_path(ANDROID_SOCKET_DIR "/") + mSocketName;
-            fd = createSocket(path);
+            fd = createSocket(orvhost_path(ANDROID_SOCKET_DIR "/") + mSocketName);
             if (fd < 0) return -1;
-            mSock = fd;
-            mSockOwned = true;
         }
+        mSock = fd;
+        mSockOwned = true;
     }
     if (mSock < 0) {
         ALOGE("no socket to serve");
@@ -149,11 +145,12 @@ int SocketListener::openSocket(int backlog) {
 
 int SocketListener::createSocket(const std::string& path) {
     sockaddr_un addr;
-    if (!fillAddress(path, &addr)) {
+    socklen_t addrLen = 0;
+    if (!orvhost::fillAddress(path, &addr, &addrLen)) {
         ALOGE("socket path too long: %s", path.c_str());
         return -1;
     }
-    if (!makeParentDirs(path)) {
+    if (!orvhost::makeDirs(path.substr(0, path.rfind('/')))) {
         ALOGE("cannot create the directory of %s (%s)", path.c_str(), strerror(errno));
         return -1;
     }
@@ -163,7 +160,7 @@ int SocketListener::createSocket(const std::string& path) {
         return -1;
     }
     const sockaddr* sa = reinterpret_cast<const sockaddr*>(&addr);
-    int rc = bind(fd, sa, sizeof(addr));
+    int rc = bind(fd, sa, addrLen);
     if (rc != 0 && errno == EADDRINUSE) {
         struct stat st;
         if (lstat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) {
@@ -171,14 +168,14 @@ int SocketListener::createSocket(const std::string& path) {
             close(fd);
             return -1;
         }
-        if (isLive(addr)) {
+        if (isLive(addr, addrLen)) {
             ALOGE("socket %s is in use by another process", path.c_str());
             close(fd);
             return -1;
         }
         // Left behind by a process that is gone.
         unlink(path.c_str());
-        rc = bind(fd, sa, sizeof(addr));
+        rc = bind(fd, sa, addrLen);
     }
     if (rc != 0) {
         ALOGE("bind %s failed (%s)", path.c_str(), strerror(errno));
@@ -211,22 +208,9 @@ int SocketListener::stopListener() {
     }
     pthread_join(mThread, nullptr);
     mThreadStarted = false;
-    close(mCtrlPipe[0]);
-    close(mCtrlPipe[1]);
-    mCtrlPipe[0] = mCtrlPipe[1] = -1;
+    closeCtrlPipe();
     releaseClients();
-    if (mSockOwned && mSock >= 0) {
-        close(mSock);
-        mSock = -1;
-        mSockOwned = false;
-    }
-    if (!mSockPath.empty()) {
-        // Only our own file: another daemon may have taken the name since.
-        struct stat st;
-        if (lstat(mSockPath.c_str(), &st) == 0 && static_cast<unsigned long>(st.st_ino) == mSockIno)
-            unlink(mSockPath.c_str());
-        mSockPath.clear();
-    }
+    closeSocket();
     return 0;
 }
 

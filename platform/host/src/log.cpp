@@ -11,6 +11,8 @@
 #include <mutex>
 #include <string>
 
+#include "HostInternal.h"
+
 namespace {
 
 // One lock for the hook state and the stderr writes, so records never interleave and the hook
@@ -61,16 +63,6 @@ std::string formatRecord(int prio, const char* tag, const char* text) {
     return out;
 }
 
-void writeAll(int fd, const std::string& data) {
-    size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = write(fd, data.data() + done, data.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        done += static_cast<size_t>(n);
-    }
-}
-
 }  // namespace
 
 void orvhost_set_log_hook(orvhost_log_hook_t hook, void* cookie, bool echo) {
@@ -85,7 +77,10 @@ extern "C" int __android_log_write(int prio, const char* tag, const char* text) 
     int savedErrno = errno;
     std::lock_guard<std::mutex> lock(gLogLock);
     if (gHook) gHook(prio, tag, text, gHookCookie);
-    if (gEcho) writeAll(STDERR_FILENO, formatRecord(prio, tag, text));
+    if (gEcho) {
+        const std::string record = formatRecord(prio, tag, text);
+        orvhost::writeAll(STDERR_FILENO, record.data(), record.size());
+    }
     errno = savedErrno;
     return 1;
 }
@@ -100,7 +95,7 @@ extern "C" int __android_log_vprint(int prio, const char* tag, const char* fmt, 
     va_end(copy);
     std::string text;
     if (n < 0) {
-        text = fmt ? fmt : "";
+        text = fmt;
     } else if (static_cast<size_t>(n) < sizeof(small)) {
         text.assign(small, static_cast<size_t>(n));
     } else {

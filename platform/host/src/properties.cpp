@@ -12,6 +12,8 @@
 #include <mutex>
 #include <string>
 
+#include "HostInternal.h"
+
 namespace {
 
 // The name becomes a file name in the store, so these rules are also what keeps it inside.
@@ -57,30 +59,6 @@ int readValue(const std::string& path, char* out) {
     return total;
 }
 
-bool makeDirs(const std::string& dir) {
-    std::string partial;
-    size_t pos = 0;
-    while (pos != std::string::npos) {
-        pos = dir.find('/', pos + 1);
-        partial = dir.substr(0, pos);
-        if (partial.empty()) continue;
-        if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return false;
-    }
-    struct stat st;
-    return stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-bool writeAll(int fd, const char* data, size_t len) {
-    size_t done = 0;
-    while (done < len) {
-        ssize_t n = write(fd, data + done, len - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
 // Serialises the "ro." check with the write inside this process.
 std::mutex gSetLock;
 
@@ -113,7 +91,7 @@ extern "C" int property_set(const char* key, const char* value) {
         char old[PROPERTY_VALUE_MAX];
         if (readValue(path, old) > 0) return -1;
     }
-    if (!makeDirs(dir)) {
+    if (!orvhost::makeDirs(dir)) {
         ALOGE("cannot create the property store %s (%s)", dir.c_str(), strerror(errno));
         return -1;
     }
@@ -122,7 +100,7 @@ extern "C" int property_set(const char* key, const char* value) {
     std::string tmp = dir + "/.set.XXXXXX";
     int fd = mkostemp(&tmp[0], O_CLOEXEC);
     if (fd < 0) return -1;
-    bool ok = fchmod(fd, 0644) == 0 && writeAll(fd, value, len);
+    bool ok = fchmod(fd, 0644) == 0 && orvhost::writeAll(fd, value, len);
     ok = close(fd) == 0 && ok;
     if (ok && rename(tmp.c_str(), path.c_str()) == 0) return 0;
     unlink(tmp.c_str());

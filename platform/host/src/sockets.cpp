@@ -13,32 +13,27 @@
 
 #include <string>
 
+#include "HostInternal.h"
+
 namespace {
 
 // Fills `addr` for `name` in the namespace; false when the name does not fit or is unknown.
 bool makeAddress(const char* name, int namespaceId, sockaddr_un* addr, socklen_t* addrLen) {
-    memset(addr, 0, sizeof(*addr));
-    addr->sun_family = AF_LOCAL;
-    size_t nameLen = strlen(name);
     switch (namespaceId) {
-        case ANDROID_SOCKET_NAMESPACE_ABSTRACT:
+        case ANDROID_SOCKET_NAMESPACE_ABSTRACT: {
+            memset(addr, 0, sizeof(*addr));
+            addr->sun_family = AF_LOCAL;
             // A leading NUL selects Linux's abstract names; the length ends the name.
+            size_t nameLen = strlen(name);
             if (nameLen + 1 > sizeof(addr->sun_path)) return false;
             memcpy(addr->sun_path + 1, name, nameLen);
             *addrLen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + nameLen);
             return true;
-        case ANDROID_SOCKET_NAMESPACE_RESERVED: {
-            std::string path = orvhost_path(ANDROID_SOCKET_DIR "/") + name;
-            if (path.size() >= sizeof(addr->sun_path)) return false;
-            memcpy(addr->sun_path, path.c_str(), path.size());
-            *addrLen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + 1);
-            return true;
         }
+        case ANDROID_SOCKET_NAMESPACE_RESERVED:
+            return orvhost::fillAddress(orvhost_path(ANDROID_SOCKET_DIR "/") + name, addr, addrLen);
         case ANDROID_SOCKET_NAMESPACE_FILESYSTEM:
-            if (nameLen == 0 || nameLen >= sizeof(addr->sun_path)) return false;
-            memcpy(addr->sun_path, name, nameLen);
-            *addrLen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + nameLen + 1);
-            return true;
+            return orvhost::fillAddress(name, addr, addrLen);
         default:
             return false;
     }
@@ -46,12 +41,7 @@ bool makeAddress(const char* name, int namespaceId, sockaddr_un* addr, socklen_t
 
 // An interrupted connect goes on in the background; wait for it instead of connecting twice.
 bool finishInterruptedConnect(int fd) {
-    pollfd p = {fd, POLLOUT, 0};
-    int r;
-    do {
-        r = poll(&p, 1, -1);
-    } while (r < 0 && errno == EINTR);
-    if (r < 0) return false;
+    if (orvhost::waitFor(fd, POLLOUT) == 0) return false;
     int err = 0;
     socklen_t len = sizeof(err);
     if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) return false;

@@ -29,6 +29,8 @@ class SocketListener {
     bool acceptClient();
     void serveClients(const struct pollfd* fds, size_t count);
     void releaseClients();
+    void closeCtrlPipe();
+    void closeSocket();  // closes an owned socket and removes the file we bound
 
     bool mListen;
     const char* mSocketName;
