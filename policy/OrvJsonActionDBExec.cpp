@@ -146,6 +146,11 @@ void OrvJsonActionDB::runMethods(Json::Value& set, OrvAction* action, bool clear
 }
 
 int OrvJsonActionDB::doAction(Json::Value& methodObject, OrvAction* action) {
+    // A null element reads as an object without "method", as the inserting lookup would see it.
+    if (methodObject.isNull()) {
+        ALOGE("Invalid action (no method) %s", getCurActionInfoStr().c_str());
+        return 1;
+    }
     if (!methodObject.isObject()) {
         ALOGE("Invalid action (not an object) %s", getCurActionInfoStr().c_str());
         return 1;

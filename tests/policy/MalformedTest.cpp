@@ -22,6 +22,7 @@ TEST_F(MalformedTest, WrongKindsAndShapesAreLoggedAndSkipped) {
     const std::pair<std::string, std::string> rows[] = {
         {run("5,"), "Invalid action (not an object) " + at},
         {run(R"({"path":"x"},)"), "Invalid action (no method) " + at},
+        {run("null,"), "Invalid action (no method) " + at},
         {run(R"({"method":7},)"), "Invalid action (method is not a string) " + at},
         {run(R"({"method":"XFS"},)"), "Unknown method(XFS)"},
         {run(R"({"method":"program","path":"touch","type":"string","value":"x"},)"), "\"program\" method only support with encrypted policy DB @" + at + "program"},
