@@ -83,11 +83,6 @@ TEST_F(LogSwitchTest, StopWatchCountsSilentChecksAndPrintsUnborrowedDifferences)
     EXPECT_EQ(std::vector<std::string>{"w[0]->restart: inc:0.0, total:0.0"},
               mLog.texts("OrvStopWatch"));
     EXPECT_EQ(0, watch.getCount());
-}
-
-TEST_F(LogSwitchTest, GlobalWatchIsNamedAndDebugLinesNeedTheSwitch) {
-    property_set(PROP_LOG_ENABLE, "1");
-    OrvLogUpdateToggle();
     gWatch.start(">=========================");
     EXPECT_TRUE(mLog.has("gWatch[0]->=========================: inc:0.0, total:0.0"));
 }
