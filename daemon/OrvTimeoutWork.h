@@ -9,8 +9,6 @@ public:
     void execute() override;
     ~OrvTimeoutWork() override;
 
-    int getSocket() const { return mSocket; }
-
 private:
     int mSocket;  // kept open between time-outs; -1 while not connected
 };
