@@ -2,11 +2,10 @@
 
 #include "daemon/OrvLog.h"
 
+#include <cutils/properties.h>
 #include <string.h>
 
 #include <atomic>
-
-#include <cutils/properties.h>
 
 const char* PROP_LOG_ENABLE = "sys.orv.debug.daemon";
 

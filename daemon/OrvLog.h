@@ -8,9 +8,9 @@ bool OrvLogIsEnabled();
 void OrvLogUpdateToggle();
 
 // Debug lines are formatted only while the switch is on. Define LOG_TAG before including.
-#define ORV_LOGD(...)                 \
-    do {                              \
-        if (OrvLogIsEnabled()) {      \
-            ALOGD(__VA_ARGS__);       \
-        }                             \
+#define ORV_LOGD(...)            \
+    do {                         \
+        if (OrvLogIsEnabled()) { \
+            ALOGD(__VA_ARGS__);  \
+        }                        \
     } while (0)

@@ -5,7 +5,7 @@
 // Times an event from arrival through the queues. Shared by threads without a lock: the figures
 // are diagnostics, so each field is a relaxed atomic and interleaved updates are accepted.
 class OrvStopWatch {
-public:
+  public:
     explicit OrvStopWatch(const char* name);
 
     void start(const char* label);
@@ -14,7 +14,7 @@ public:
 
     int getCount() const { return mCount.load(std::memory_order_relaxed); }
 
-private:
+  private:
     std::string mName;
     std::atomic<int> mCount{0};
     std::atomic<long> mStartSec{0}, mStartUsec{0};

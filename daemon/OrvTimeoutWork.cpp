@@ -2,10 +2,9 @@
 
 #include "daemon/OrvTimeoutWork.h"
 
+#include <cutils/sockets.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <cutils/sockets.h>
 
 #include "daemon/OrvLog.h"
 

@@ -6,7 +6,7 @@
 
 // The process-wide one-shot timer; on expiry it executes the time-out work on its own thread.
 class OrvTimer : public Thread {
-public:
+  public:
     static OrvTimer& getInstance();
 
     void* run() override;  // never returns
@@ -16,7 +16,7 @@ public:
     void reset();
     void setTimeoutWork(OrvWork* work);
 
-private:
+  private:
     OrvTimer();
     OrvTimer(const OrvTimer&) = delete;
     OrvTimer& operator=(const OrvTimer&) = delete;

@@ -2,7 +2,7 @@
 
 // A unit of work run by an OrvWorkQueue.
 class OrvWork {
-public:
+  public:
     OrvWork(const char* name, bool deleteAfterRun) : mName(name), mDeleteAfterRun(deleteAfterRun) {}
     virtual void execute() = 0;
     virtual ~OrvWork() {}
@@ -10,7 +10,7 @@ public:
     const char* getName() const { return mName; }
     bool isDeleteAfterRun() const { return mDeleteAfterRun; }
 
-protected:
+  protected:
     const char* mName;  // static text
     bool mDeleteAfterRun;
 };

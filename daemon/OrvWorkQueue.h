@@ -9,14 +9,14 @@
 // FIFO of work served by one thread. A work executes under the queue lock, so producers wait
 // while it runs; that serialisation is intended.
 class OrvWorkQueue : public Thread {
-public:
+  public:
     OrvWorkQueue();
     void* run() override;  // never returns
     ~OrvWorkQueue() override;
 
     void push_back(OrvWork* work);
 
-private:
+  private:
     std::list<OrvWork*> mQueue;
     pthread_mutex_t mLock;
     pthread_cond_t mCond;

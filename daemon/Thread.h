@@ -3,7 +3,7 @@
 
 // A thread object: start() runs the object's run() on a new thread.
 class Thread {
-public:
+  public:
     Thread();
     virtual void* run() = 0;
     virtual ~Thread();
@@ -12,7 +12,7 @@ public:
     int start();
     bool isStarted() const { return mStarted != 0; }
 
-private:
+  private:
     static void* threadFunc(void* arg);
 
     pthread_t mThread;

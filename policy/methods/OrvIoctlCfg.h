@@ -3,7 +3,7 @@
 
 // Request layout of one "ioctl" method, read from its "method_ioctl_cfg".
 class OrvIoctlCfg {
-public:
+  public:
     // "_IO", "_IOW", "_IOR", "_IOWR" ("_IOW|_IOR", "_IOR|_IOW"); anything else is refused.
     bool setDir(const char* text);
     // One character is taken as its code ("T"); longer texts must be "0x.." hex.

@@ -1,7 +1,6 @@
 // The debug switch follows "sys.orv.debug.daemon"; the stop-watch counts even while it is off.
-#include <gtest/gtest.h>
-
 #include <cutils/properties.h>
+#include <gtest/gtest.h>
 
 #include "daemon/OrvDevicePath.h"
 #include "daemon/OrvLog.h"
@@ -11,7 +10,7 @@
 namespace {
 
 class LogSwitchTest : public ::testing::Test {
-protected:
+  protected:
     orvtest::TempRoot mRoot;
     orvtest::LogCapture mLog;
 };
@@ -23,17 +22,17 @@ TEST_F(LogSwitchTest, FollowsThePropertyAndLogsOnlyChanges) {
         const char* line;  // expected "OrvLog" line, or nullptr for none
     };
     const Step steps[] = {
-            {nullptr, false, nullptr},        // unset reads as "0"
-            {"1", true, "OrvLog toggle On"},  //
-            {"true", true, nullptr},          // still on: silent
-            {"false", false, "OrvLog toggle Off"},
-            {"0", false, nullptr},  // still off: silent
-            {"on", true, "OrvLog toggle On"},
-            {"0", false, "OrvLog toggle Off"},
-            {"yes", true, "OrvLog toggle On"},
-            {"", false, "OrvLog toggle Off"},  // empty reads as the default "0"
-            {"00", true, "OrvLog toggle On"},  // only "0" and "false" mean off
-            {"False", true, nullptr},
+        {nullptr, false, nullptr},        // unset reads as "0"
+        {"1", true, "OrvLog toggle On"},  //
+        {"true", true, nullptr},          // still on: silent
+        {"false", false, "OrvLog toggle Off"},
+        {"0", false, nullptr},  // still off: silent
+        {"on", true, "OrvLog toggle On"},
+        {"0", false, "OrvLog toggle Off"},
+        {"yes", true, "OrvLog toggle On"},
+        {"", false, "OrvLog toggle Off"},  // empty reads as the default "0"
+        {"00", true, "OrvLog toggle On"},  // only "0" and "false" mean off
+        {"False", true, nullptr},
     };
     for (const Step& s : steps) {
         SCOPED_TRACE(s.value ? s.value : "(unset)");

@@ -1,6 +1,6 @@
 // The one-shot timer on its real thread, with the time-out work talking to a real socket.
+#include <cutils/properties.h>
 #include <gtest/gtest.h>
-
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -10,8 +10,6 @@
 #include <chrono>
 #include <filesystem>
 #include <thread>
-
-#include <cutils/properties.h>
 
 #include "daemon/OrvLog.h"
 #include "daemon/OrvTimeoutWork.h"
@@ -26,7 +24,7 @@ constexpr long kSlackMs = 400;
 
 // Remembers when each expiry happened.
 class CountingWork : public OrvWork {
-public:
+  public:
     CountingWork() : OrvWork("COUNT", false) {}
     void execute() override {
         std::lock_guard<std::mutex> lock(mLock);
@@ -46,14 +44,14 @@ public:
         return mTimes.size();
     }
 
-private:
+  private:
     std::mutex mLock;
     std::condition_variable mCond;
     std::vector<Clock::time_point> mTimes;
 };
 
 class TimerTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         signal(SIGPIPE, SIG_IGN);  // as the daemon does
         property_set(PROP_LOG_ENABLE, "1");
@@ -170,7 +168,7 @@ TEST_F(TimerTest, TimeoutWorkKeepsOneConnectionAndReconnectsAfterAFailedSend) {
     close(conn);  // the next send fails and that time-out is lost
     mTimer.set(50);
     ASSERT_TRUE(mLog.waitUntil(
-            [&] { return mLog.countContaining("TimeoutMsg send failed (ret=-1)") == 1; }));
+        [&] { return mLog.countContaining("TimeoutMsg send failed (ret=-1)") == 1; }));
     mTimer.set(50);  // the one after reconnects
     int conn2 = accept(daemon, nullptr, nullptr);
     EXPECT_EQ("[500,0]", readFrame(conn2));

@@ -1,12 +1,11 @@
 // The work queue on its real thread: order, serialisation of producers, deletion after run.
+#include <cutils/properties.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
-
-#include <cutils/properties.h>
 
 #include "daemon/OrvLog.h"
 #include "daemon/OrvWorkQueue.h"
@@ -16,7 +15,7 @@ namespace {
 
 // Logs its execution and destruction; execution waits at a gate the test opens.
 class GatedWork : public OrvWork {
-public:
+  public:
     GatedWork(const char* name, bool del, bool open = true) : OrvWork(name, del), mOpen(open) {}
     ~GatedWork() override { ALOGI("destroyed %s", mName); }
     void execute() override {
@@ -36,7 +35,7 @@ public:
         mCond.wait(lock, [&] { return mStarted; });
     }
 
-private:
+  private:
     std::mutex mLock;
     std::condition_variable mCond;
     bool mOpen;
@@ -101,7 +100,7 @@ TEST(WorkQueueTest, ManyProducersLoseNothing) {
     }
     for (auto& p : producers) p.join();
     ASSERT_TRUE(log.waitUntil(
-            [&] { return log.countContaining("destroyed t") == kThreads * kEach; }, 20000));
+        [&] { return log.countContaining("destroyed t") == kThreads * kEach; }, 20000));
     EXPECT_EQ(kThreads * kEach, log.countContaining("execute t"));
 }
 

@@ -1,14 +1,14 @@
 #pragma once
 // Shared test fixtures: a throw-away ORV_ROOT and a capture of log records through the host hook.
+#include <orvhost/host.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <stdint.h>
-
 #include <chrono>
-#include <filesystem>
 #include <condition_variable>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <mutex>
@@ -16,13 +16,11 @@
 #include <string>
 #include <vector>
 
-#include <orvhost/host.h>
-
 namespace orvtest {
 
 // Creates a fresh directory, points ORV_ROOT at it and removes it again.
 class TempRoot {
-public:
+  public:
     TempRoot() {
         char tmpl[] = "/tmp/orvtest.XXXXXX";
         const char* dir = mkdtemp(tmpl);
@@ -52,7 +50,7 @@ public:
         return full;
     }
 
-private:
+  private:
     std::string mPath;
 };
 
@@ -71,7 +69,7 @@ struct LogRecord {
 
 // Records every log record while alive. `echo` keeps them on stderr as well.
 class LogCapture {
-public:
+  public:
     explicit LogCapture(bool echo = false) { orvhost_set_log_hook(&LogCapture::hook, this, echo); }
     ~LogCapture() { orvhost_set_log_hook(nullptr, nullptr, true); }
     LogCapture(const LogCapture&) = delete;
@@ -126,7 +124,7 @@ public:
         }
     }
 
-private:
+  private:
     static bool tagIs(const LogRecord& r, const char* tag) { return !tag || r.tag == tag; }
     int countIf(const std::function<bool(const LogRecord&)>& pred) const {
         int n = 0;

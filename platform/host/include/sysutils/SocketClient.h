@@ -3,7 +3,7 @@
 #include <sys/types.h>
 
 class SocketClient {
-public:
+  public:
     SocketClient(int sock, bool owned);
     SocketClient(int sock, bool owned, bool useCmdNum);
     virtual ~SocketClient();
@@ -22,7 +22,7 @@ public:
     int sendMsg(const char* msg);
     int sendData(const void* data, int len);
 
-private:
+  private:
     int mSocket;
     bool mSocketOwned;
     pid_t mPid;
