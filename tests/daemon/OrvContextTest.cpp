@@ -5,24 +5,15 @@
 
 namespace {
 
-class ContextTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        ASSERT_TRUE(env.ready);
-        ctx.mActionManager = env.manager;
-    }
-    void runA() {
-        ctx.onStart("com.a", 100, 7);
-        ctx.onDisplayed("com.a", 100);
-    }
+struct ContextTest : ::testing::Test {
+    orvtest::ScenarioEnv env;
+    OrvContext& ctx = env.ctx;
+    void runA() { ctx.onStart("com.a", 100, 7), ctx.onDisplayed("com.a", 100); }
     std::string state() { return ctx.mState->getStateNameStr(); }
     std::string dump() {
         std::string out = "stale";
-        ctx.dumpState(out);
-        return out;
+        return ctx.dumpState(out), out;
     }
-    orvtest::ScenarioEnv env;
-    OrvContext ctx;
 };
 
 TEST_F(ContextTest, DumpScreenOffAndTheLargeTimeoutWarning) {

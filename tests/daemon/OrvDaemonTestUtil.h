@@ -35,20 +35,20 @@ inline void setDebug(bool on) {
     OrvLogUpdateToggle();
 }
 
-// A fresh root with the small policy and debug logging on. The manager is never destroyed: its
-// queue thread runs until the test process exits.
+// A fresh root with the small policy, debug logging on and a context wired to a real manager.
+// The manager is never destroyed: its queue thread runs until the test process exits.
 struct ScenarioEnv {
     TempRoot root;
     LogCapture log;
-    OrvActionManager* manager = nullptr;
-    bool ready = false;
+    OrvActionManager* manager = new OrvActionManager();
+    OrvContext ctx;
     int syncs = 0;
 
     ScenarioEnv() {
         root.write("data/orvpolicy", smallPolicy());
         setDebug(true);
-        manager = new OrvActionManager();
-        ready = manager->init();
+        EXPECT_TRUE(manager->init());
+        ctx.mActionManager = manager;
     }
     // Returns once every action sent before has executed.
     bool sync() {
@@ -62,8 +62,7 @@ struct ScenarioEnv {
     std::vector<std::string> actions() const {
         std::vector<std::string> out;
         for (const auto& t : log.texts("OrvActionManager"))
-            if (t.find(" from[") != std::string::npos && t.find("] to[") != std::string::npos &&
-                t.find("sync#") == std::string::npos)
+            if (t.find("] to[") != std::string::npos && t.find("sync#") == std::string::npos)
                 out.push_back(t);
         return out;
     }
