@@ -7,6 +7,7 @@
 
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -26,13 +27,8 @@ class SocketPair : public ::testing::Test {
 
 TEST_F(SocketPair, SendMsgWireBytes) {
     using S = std::string;
-    struct Case {
-        int code;
-        const char* msg;
-        bool addErrno, useCmdNum;
-        int cmdNum, err;
-        std::string wire;
-    } cases[] = {
+    // Code, text, with errno, with the command number, command number, errno, bytes sent.
+    const std::tuple<int, const char*, bool, bool, int, int, S> cases[] = {
         {200, "ok", false, false, 0, 0, S("200 ok\0", 7)},
         {-1, "", false, false, 0, 0, S("-1 \0", 4)},
         {500, "failed", true, false, 0, ENOENT, S("500 failed (No such file or directory)\0", 39)},
@@ -41,11 +37,11 @@ TEST_F(SocketPair, SendMsgWireBytes) {
         {0, "multi\nline", false, false, 0, 0, S("0 multi\nline\0", 13)},
     };
     SocketClient client(mFds[0], true);
-    for (const auto& c : cases) {
-        client.setCmdNum(c.cmdNum);
-        errno = c.err;
-        ASSERT_EQ(0, client.sendMsg(c.code, c.msg, c.addErrno, c.useCmdNum));
-        EXPECT_EQ(c.wire, readBytes(c.wire.size())) << c.msg;
+    for (const auto& [code, msg, addErrno, useCmdNum, cmdNum, err, wire] : cases) {
+        client.setCmdNum(cmdNum);
+        errno = err;
+        ASSERT_EQ(0, client.sendMsg(code, msg, addErrno, useCmdNum));
+        EXPECT_EQ(wire, readBytes(wire.size())) << msg;
     }
 }
 

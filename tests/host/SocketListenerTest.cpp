@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stddef.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -12,8 +13,10 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/OrvTestSupport.h"
@@ -21,8 +24,7 @@
 namespace {
 
 // Replies "200 <data>" to every read; "bye" or end of stream asks the platform to drop the client.
-class EchoListener : public SocketListener {
-  public:
+struct EchoListener : SocketListener {
     using SocketListener::SocketListener;
     ~EchoListener() override { stopListener(); }
 
@@ -33,24 +35,18 @@ class EchoListener : public SocketListener {
             mCond.wait_for(lock, std::chrono::seconds(5), [&] { return mEvents.size() >= n; }));
         return mEvents;
     }
-
-  protected:
     bool onDataAvailable(SocketClient* c) override {
         char buf[256];
         ssize_t n = read(c->getSocket(), buf, sizeof(buf));
         std::string data(buf, size_t(n > 0 ? n : 0));
         bool keep = n > 0 && data != "bye";
-        {
-            // Recorded before the reply, so a client that got its reply finds its event.
-            std::lock_guard<std::mutex> lock(mLock);
-            mEvents.push_back(data);
-        }
+        // Recorded before the reply, so a client that got its reply finds its event.
+        std::lock_guard<std::mutex> lock(mLock);
+        mEvents.push_back(data);
         mCond.notify_all();
         if (keep) c->sendMsg(200, data.c_str(), false);
         return keep;
     }
-
-  private:
     std::mutex mLock;
     std::condition_variable mCond;
     std::vector<std::string> mEvents;
@@ -69,13 +65,16 @@ std::string roundTrip(int fd, const std::string& text) {
     return "";
 }
 
-// A bound, not listening socket at `path`.
-int bindAt(const std::string& path) {
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+// A unix socket bound at the path `name` (or the abstract `name`), listening if `backlog` > 0.
+int bindAt(const std::string& name, bool abstract = false, int backlog = 0) {
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0) return fd;
+    memcpy(addr.sun_path + abstract, name.data(), name.size());
+    socklen_t len = socklen_t(offsetof(sockaddr_un, sun_path) + abstract + name.size());
+    int fd = socket(AF_UNIX, SOCK_STREAM | (backlog ? SOCK_NONBLOCK : 0), 0);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0 &&
+        (!backlog || listen(fd, backlog) == 0))
+        return fd;
     close(fd);
     return -1;
 }
@@ -91,8 +90,7 @@ TEST(Listener, SocketMode0660WhateverTheUmaskAndStop) {
         ASSERT_EQ(0, rc);
         struct stat st;
         ASSERT_EQ(0, lstat((root / "dev/socket/orvd").c_str(), &st));
-        EXPECT_TRUE(S_ISSOCK(st.st_mode));
-        EXPECT_EQ(0660u, st.st_mode & 07777) << "umask " << std::oct << mask;
+        EXPECT_EQ(S_IFSOCK | 0660u, st.st_mode & (S_IFMT | 07777)) << "umask " << std::oct << mask;
         int fd = connectOrvd();
         EXPECT_EQ("200 ping", roundTrip(fd, "ping"));
         EXPECT_EQ(0, listener.stopListener());
@@ -142,8 +140,8 @@ TEST(Listener, StaleLiveAndForeignSocketFiles) {
         EXPECT_EQ(-1, second.startListener()) << "a live socket is left alone";
         auto recs = log.records();
         ASSERT_EQ(1u, recs.size());
-        EXPECT_EQ(ANDROID_LOG_ERROR, recs[0].prio);
-        EXPECT_EQ("SocketListener", recs[0].tag);
+        EXPECT_EQ(std::make_tuple(ANDROID_LOG_ERROR, "SocketListener"),
+                  std::make_tuple(recs[0].prio, recs[0].tag));
     }
     ASSERT_EQ(0, lstat((root / "dev/socket/orvd").c_str(), &after));
     EXPECT_EQ(before.st_ino, after.st_ino);
@@ -180,11 +178,49 @@ TEST(Listener, TakesOnlyASocketHandedOverInTheEnvironment) {
     EchoListener listener("orvd", true);
     ASSERT_EQ(0, listener.startListener());
     unsetenv("ANDROID_SOCKET_orvd");
-    struct stat st;
-    EXPECT_NE(0, lstat((root / "dev/socket/orvd").c_str(), &st)) << "nothing created";
+    EXPECT_FALSE(std::filesystem::exists(root / "dev/socket/orvd")) << "nothing created";
     int fd = socket_local_client(path.c_str(), ANDROID_SOCKET_NAMESPACE_FILESYSTEM, SOCK_STREAM);
     EXPECT_EQ("200 handed", roundTrip(fd, "handed"));
     close(fd);
+}
+
+TEST(LocalClient, NamespacesAndFailures) {
+    orvtest::TempRoot root;
+    ASSERT_EQ(0, mkdir((root / "dev/socket").c_str(), 0755));
+    std::string fsPath = root / "plain.sock", abstractName = "orvtest-" + std::to_string(getpid());
+    std::string longName(200, 'n');
+    int reserved = bindAt(root / "dev/socket/orvd", false, 4);
+    int filesystem = bindAt(fsPath, false, 4), abstract = bindAt(abstractName, true, 4);
+    ASSERT_TRUE(reserved >= 0 && filesystem >= 0 && abstract >= 0);
+    // Name, namespace, the server that accepts (-1: the connection must fail).
+    const std::tuple<std::string, int, int> cases[] = {
+        {"orvd", ANDROID_SOCKET_NAMESPACE_RESERVED, reserved},
+        {fsPath, ANDROID_SOCKET_NAMESPACE_FILESYSTEM, filesystem},
+        {abstractName, ANDROID_SOCKET_NAMESPACE_ABSTRACT, abstract},
+        {"orvd", ANDROID_SOCKET_NAMESPACE_ABSTRACT, -1},
+        {abstractName, ANDROID_SOCKET_NAMESPACE_RESERVED, -1},
+        {"/nonexistent/sock", ANDROID_SOCKET_NAMESPACE_FILESYSTEM, -1},
+        {"", ANDROID_SOCKET_NAMESPACE_FILESYSTEM, -1},
+        {longName, ANDROID_SOCKET_NAMESPACE_RESERVED, -1},
+        {longName, ANDROID_SOCKET_NAMESPACE_FILESYSTEM, -1},
+        {longName, ANDROID_SOCKET_NAMESPACE_ABSTRACT, -1},
+        {"orvd", 42, -1},
+    };
+    for (const auto& [name, ns, server] : cases) {
+        int fd = socket_local_client(name.c_str(), ns, SOCK_STREAM);
+        EXPECT_EQ(server >= 0, fd >= 0) << name << " ns " << ns;
+        if (fd < 0) continue;
+        close(fd);
+        int conn = accept(server, nullptr, nullptr);
+        EXPECT_GE(conn, 0) << name;
+        close(conn);
+    }
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    EXPECT_EQ(fd, socket_local_client_connect(fd, "orvd", ANDROID_SOCKET_NAMESPACE_RESERVED, 0));
+    close(fd);
+    for (int server : {reserved, filesystem, abstract}) close(server);
+    EXPECT_EQ(-1, socket_local_client_connect(-1, "orvd", ANDROID_SOCKET_NAMESPACE_RESERVED,
+                                              SOCK_STREAM));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Action sets run for app switches and state changes, references, groups, bookkeeping, dumps.
 #include <atomic>
 #include <thread>
+#include <tuple>
 
 #include "PolicyTestSupport.h"
 
@@ -38,11 +39,9 @@ TEST_F(ExecutionTest, AppSwitchAndStateChangeRunTheirSetsInOrder) {
     manager->dumpState(dump);
     EXPECT_EQ(head + "default.action.reset.policy\n   Current Action Set  : \n", dump);
 
-    struct Row {
-        bool appSwitch;
-        const char *from, *fromState, *to, *toState, *expected;
-    };
-    const Row rows[] = {
+    // App switch or state change, from, its state, to, its state, what gets written.
+    using S = const char*;
+    const std::tuple<bool, S, S, S, S, S> rows[] = {
         {true, "A", "run", "B", "launch",
          "A.run.on_exit|default|B.launch.on_enter|B.launch.policy|"},
         // Leaving "reset" skips the default reset.
@@ -56,16 +55,16 @@ TEST_F(ExecutionTest, AppSwitchAndStateChangeRunTheirSetsInOrder) {
         {false, "Z", "run", "Z", "launch", ""},
     };
     auto db = parseDB(orderDocument(fifo));  // the database's own one-call sequences
-    for (const Row& r : rows) {
+    for (const auto& [appSwitch, from, fromState, to, toState, expected] : rows) {
         OrvActionManager::OrvAction* action =
-            r.appSwitch ? static_cast<OrvActionManager::OrvAction*>(
-                              new AppSwitch(r.from, 1, 2, r.fromState, r.to, 3, 4, r.toState))
-                        : new StateChange(r.fromState, r.toState, r.from, 1, 2);
-        r.appSwitch ? db->executeAppChangeAction(action) : db->executeStateChangeAction(action);
-        EXPECT_EQ(r.expected, drainFifo()) << "one call";
+            appSwitch ? static_cast<OrvActionManager::OrvAction*>(
+                            new AppSwitch(from, 1, 2, fromState, to, 3, 4, toState))
+                      : new StateChange(fromState, toState, from, 1, 2);
+        appSwitch ? db->executeAppChangeAction(action) : db->executeStateChangeAction(action);
+        EXPECT_EQ(expected, drainFifo()) << "one call";
         action->send(manager);
         sync(manager);
-        EXPECT_EQ(r.expected, drainFifo());
+        EXPECT_EQ(expected, drainFifo());
     }
     // Missing sets leave Last Done alone; the keyed sets keep their line feed.
     manager->dumpState(dump);
@@ -87,36 +86,30 @@ TEST_F(ExecutionTest, ReferencesAndNestedGroups) {
         "C":{"param":{"reference":"B"},"action":{"reference":"B"}},
         "D":{"param":{"reference":"nowhere"},"action":{"reference":"nowhere"}}}})",
                                             fifo));
-    struct Row {
-        const char *app, *state, *written, *fetchLine;  // the debug line naming set and source
-    };
-    const Row rows[] = {
+    // App, state entered, what gets written, the debug line naming the set and its source.
+    const std::tuple<const char*, const char*, std::string, std::string> rows[] = {
         {"B", "launch", "boost|i|end|", "fetch B.action.launch.on_enter(reference A)"},
         {"B", "run", "B.run|", "fetch B.action.run.on_enter"},
         {"C", "launch", "boost|i|end|", "fetch C.action.launch.on_enter(reference A)"},
         {"C", "run", "B.run|", "fetch C.action.run.on_enter(reference B)"},
         {"D", "run", "", "nop (no define or reference: D.action.run.on_enter)"},
     };
-    for (const Row& r : rows) {
+    for (const auto& [app, state, written, fetchLine] : rows) {
         mLog.clear();
-        (new StateChange("start", r.state, r.app, 1, 2))->send(manager);
+        (new StateChange("start", state, app, 1, 2))->send(manager);
         sync(manager);
-        EXPECT_EQ(r.written, drainFifo()) << r.app << " " << r.state;
-        EXPECT_TRUE(mLog.has(r.fetchLine)) << r.fetchLine;
+        EXPECT_EQ(written, drainFifo()) << app << " " << state;
+        EXPECT_TRUE(mLog.has(fetchLine)) << fetchLine;
         // Each nesting level names its index and method or group.
-        std::string at = r.fetchLine + 6;
-        EXPECT_EQ(*r.written == 'b' ? "Unknown type(int). @" + at + "[0]boost[1]inner[1]prop" : "",
+        std::string at = fetchLine.substr(6), boost = written == "boost|i|end|" ? at : "";
+        EXPECT_EQ(boost.empty() ? "" : "Unknown type(int). @" + at + "[0]boost[1]inner[1]prop",
                   errors());
-        if (*r.written == 'b') {
-            EXPECT_TRUE(
-                mLog.has("Cannot find policy_group.none. (fetch " + at + "[0]boost[2]group)"));
-        }
+        EXPECT_EQ(!boost.empty(),
+                  mLog.has("Cannot find policy_group.none. (fetch " + at + "[0]boost[2]group)"));
     }
 
-    struct ParamRow {
-        const char *app, *param, *value;  // null: not found
-    };
-    const ParamRow params[] = {
+    // App, parameter, its value (null: not found).
+    const std::tuple<const char*, const char*, const char*> params[] = {
         {"B", "event_mask", "1"},      // own value wins
         {"B", "large_heap", "true"},   // from A
         {"C", "large_heap", "true"},   // from B, from A
@@ -124,10 +117,10 @@ TEST_F(ExecutionTest, ReferencesAndNestedGroups) {
         {"D", "large_heap", nullptr},  // the referenced app does not exist
         {"Z", "large_heap", nullptr},
     };
-    for (const ParamRow& r : params) {
+    for (const auto& [app, param, value] : params) {
         std::string out = "unset";
-        EXPECT_EQ(r.value != nullptr, manager->findAppParam(r.app, r.param, out)) << r.app;
-        EXPECT_EQ(r.value ? r.value : "unset", out) << r.app << "." << r.param;
+        EXPECT_EQ(value != nullptr, manager->findAppParam(app, param, out)) << app;
+        EXPECT_EQ(value ? value : "unset", out) << app << "." << param;
     }
 }
 

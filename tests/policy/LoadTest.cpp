@@ -1,4 +1,6 @@
 // Loading: version rules, fallbacks, protected files.
+#include <tuple>
+
 #include "PolicyTestSupport.h"
 #include "tools/codec/OrvPolicyEncoder.h"
 
@@ -7,18 +9,13 @@ namespace {
 using LoadTest = policytest::PolicyTest;
 
 TEST_F(LoadTest, VersionRulesAndUnreadableFiles) {
-    struct Row {
-        std::string doc;  // empty: no file at all
-        bool accepted;
-        const char* line;  // part of a logged line; % is the file's path
-    };
-    const Row rows[] = {
+    // Document ("": no file at all), accepted, part of a logged line (% is the file's path).
+    // clang-format off
+    const std::tuple<std::string, bool, const char*> rows[] = {
         {R"({"parser":"v1.0","version":"v1"})", true, "curDBVersion:0.00, loadDBVersion:1.00"},
-        {R"({"parser":"1.5","version":"v1"})", true,
-         "minSupportedParserVersion:0.50, ParserVersion:1.00"},
+        {R"({"parser":"1.5","version":"v1"})", true, "minSupportedParserVersion:0.50, ParserVersion:1.00"},
         {R"({"parser":"v0.9","version":"v0.01"})", true, "curDBVersion:0.00, loadDBVersion:0.01"},
-        {R"({"parser":"v1","version":"v2.5"})", true,
-         "minSupportedParserVersion:1.00, ParserVersion:1.00"},
+        {R"({"parser":"v1","version":"v2.5"})", true, "minSupportedParserVersion:1.00, ParserVersion:1.00"},
         {R"({"parser":"v1.0","version":"vnan"})", true, "curDBVersion:0.00, loadDBVersion:nan"},
         {R"({"parser":"v1.5","version":"v1"})", false, "Parser Version is too old"},
         {R"({"version":"v1"})", false, "Parser Version is too old"},
@@ -28,18 +25,18 @@ TEST_F(LoadTest, VersionRulesAndUnreadableFiles) {
         {"", false, "% is not good"},
         {R"({"parser":)", false, "Failed to parse % before decrypt:\n* Line 1"},
         // Deep nesting is refused before the reader sees it.
-        {std::string(5000, '[') + std::string(5000, ']'), false,
-         "Failed to parse % before decrypt:\n"},
+        {std::string(5000, '[') + std::string(5000, ']'), false, "Failed to parse % before decrypt:\n"},
     };
+    // clang-format on
     OrvActionManager manager;
-    for (const Row& r : rows) {
-        std::string path = r.doc.empty() ? mRoot / "missing" : mRoot.write("p.json", r.doc);
-        std::string line = r.line;
+    for (const auto& [doc, accepted, part] : rows) {
+        std::string path = doc.empty() ? mRoot / "missing" : mRoot.write("p.json", doc);
+        std::string line = part;
         if (size_t at = line.find('%'); at != std::string::npos) line.replace(at, 1, path);
         mLog.clear();
         OrvActionDB* db = manager.loadDBFromfile(path.c_str());
-        EXPECT_EQ(r.accepted, db != nullptr) << r.doc;
-        EXPECT_EQ(1, mLog.countContaining(line)) << r.doc;
+        EXPECT_EQ(accepted, db != nullptr) << doc;
+        EXPECT_EQ(1, mLog.countContaining(line)) << doc;
         delete db;
     }
 }

@@ -68,14 +68,14 @@ class PolicyTest : public ::testing::Test {
     // Returns once everything sent before has finished: the queue runs one record at a time.
     void sync(OrvActionManager* manager) {
         struct Marker : OrvActionManager::OrvAction {
-            explicit Marker(std::shared_ptr<std::promise<void>> done)
-                : OrvAction("", "", "", -1, -1), done(done) {}
-            void execute() override { done->set_value(); }
-            std::shared_ptr<std::promise<void>> done;  // shared: the queue frees the record
+            Marker() : OrvAction("", "", "", -1, -1) {}
+            void execute() override { done.set_value(); }
+            std::promise<void> done;
         };
-        auto done = std::make_shared<std::promise<void>>();
-        (new Marker(done))->send(manager);
-        ASSERT_EQ(std::future_status::ready, done->get_future().wait_for(std::chrono::seconds(10)));
+        auto* marker = new Marker();  // freed by the queue, after the future got its state
+        std::future<void> done = marker->done.get_future();
+        marker->send(manager);
+        ASSERT_EQ(std::future_status::ready, done.wait_for(std::chrono::seconds(10)));
     }
 
     // A FIFO that "xfs" methods can write to without blocking; drainFifo() reads it.

@@ -7,36 +7,32 @@ using namespace policytest;
 
 namespace {
 
-class UpdateTest : public PolicyTest {
-  protected:
-    // Version `v`; its default reset writes "<v>.reset|", A's entry to run "<v>.A|".
-    std::string doc(const std::string& v) {
-        return marks(
-            R"({"parser":"v1.0","version":"#","default":{"action":{"reset":{"policy":[<#.reset|>]}}},
-            "applications":{"A":{"action":{"run":{"on_enter":[<#.A|>]}}}}})",
-            mFifo, v);
-    }
-    // Returns once every update queued before has finished (the move included).
-    void syncUpdates(OrvActionManager* manager) {
-        std::string marker = mRoot / ("none." + std::to_string(++mUpdateSync));
-        manager->prepareUpdateDB(marker.c_str());
-        ASSERT_TRUE(mLog.waitFor("load new DB " + marker + " failed)"));
-    }
-
-    std::string mFifo;
-    int mUpdateSync = 0;
-};
+using UpdateTest = PolicyTest;
 
 TEST_F(UpdateTest, PreparedDatabaseIsMovedSafelyAndTakesOverAtTheNextAppSwitch) {
     ASSERT_EQ(0, chdir(mRoot.path().c_str()));  // where an injected relative "touch" would land
-    mFifo = makeFifo();
+    const std::string fifo = makeFifo();
+    // Version `v`; its default reset writes "<v>.reset|", A's entry to run "<v>.A|".
+    auto doc = [&](const std::string& v) {
+        return marks(
+            R"({"parser":"v1.0","version":"#","default":{"action":{"reset":{"policy":[<#.reset|>]}}},
+            "applications":{"A":{"action":{"run":{"on_enter":[<#.A|>]}}}}})",
+            fifo, v);
+    };
     OrvActionManager* manager = start(doc("v1"));
     std::thread([manager] { manager->waitDBUpdate(); }).detach();
+    // Returns once every update queued before has finished (the move included).
+    int updates = 0;
+    auto syncUpdates = [&] {
+        std::string marker = mRoot / ("none." + std::to_string(++updates));
+        manager->prepareUpdateDB(marker.c_str());
+        ASSERT_TRUE(mLog.waitFor("load new DB " + marker + " failed)"));
+    };
     // Refused files stay where they are.
     const std::string stale = mRoot.write("stale", doc("v1"));
     manager->prepareUpdateDB(stale.c_str());
     manager->prepareUpdateDB(nullptr);
-    syncUpdates(manager);
+    syncUpdates();
     EXPECT_TRUE(mLog.has("DB Version is too old"));
     EXPECT_TRUE(mLog.has("load new DB " + stale + " failed)"));
     EXPECT_TRUE(mLog.has("load new DB  failed)"));  // no path given
@@ -54,7 +50,7 @@ TEST_F(UpdateTest, PreparedDatabaseIsMovedSafelyAndTakesOverAtTheNextAppSwitch) 
         std::string path = mRoot.write(name, body);
         ASSERT_EQ(0, access(path.c_str(), F_OK)) << name;
         manager->prepareUpdateDB(path.c_str());
-        syncUpdates(manager);
+        syncUpdates();
         EXPECT_TRUE(mLog.has("new DB " + path + " is prepared to update)")) << name;
         EXPECT_NE(0, access(path.c_str(), F_OK)) << name;
         EXPECT_EQ(body, orvtest::readFile(mRoot / "data/orvpolicy")) << name;
