@@ -63,6 +63,7 @@ class TimerTest : public ::testing::Test {
         }
         mLog.clear();
     }
+    void TearDown() override { mTimer.setTimeoutWork(nullptr); }
     // Waits until the wall clock's sub-second part is `ms`: late in a second the deadline's
     // nanoseconds overflow into the next second.
     static void alignToMillisecond(int ms) {
@@ -174,6 +175,7 @@ TEST_F(TimerTest, TimeoutWorkKeepsOneConnectionAndReconnectsAfterAFailedSend) {
     EXPECT_EQ("[500,0]", readFrame(conn2));
     EXPECT_EQ(3, mLog.count("creating socket..."));
     EXPECT_EQ(1, mLog.count("socket connect fail (ret=-1)\n"));
+    mTimer.setTimeoutWork(nullptr);  // waits for a running expiry: `work` dies with this scope
     close(conn2);
     close(daemon);
 }
