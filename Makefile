@@ -35,7 +35,8 @@ demo: build
 bench: build
 	$(BUILD)/bin/orv_bench
 
-fuzz: deps
+fuzz:
+	@scripts/install-deps --fuzz
 	scripts/fuzz
 
 format:
