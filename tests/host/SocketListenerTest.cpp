@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <stddef.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -122,6 +123,25 @@ TEST(Listener, DropsOnlyTheClientThatSaysFalse) {
     EXPECT_EQ((std::vector<std::string>{"", "a1", "b1", "c1", "bye", "a2", "c2", "last", ""}), ev);
     close(a);
     close(b);
+}
+
+TEST(Listener, AClientThatNeverReadsIsCutOffAndOthersAreStillServed) {
+    orvtest::TempRoot root;
+    EchoListener listener("orvd", true);
+    ASSERT_EQ(0, listener.startListener());
+    int greedy = connectOrvd();
+    fcntl(greedy, F_SETFL, O_NONBLOCK);
+    const std::string ask(200, 'q');
+    // Keep asking until the listener takes nothing more: it is stuck or has cut us off.
+    for (pollfd p = {greedy, POLLOUT, 0}; poll(&p, 1, 300) == 1 && !(p.revents & POLLERR);) {
+        if (write(greedy, ask.data(), ask.size()) < 0 && errno != EAGAIN) break;
+    }
+    int polite = connectOrvd();
+    timeval tv = {5, 0};  // fail rather than hang if the listener is stuck
+    setsockopt(polite, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+    EXPECT_EQ("200 hi", roundTrip(polite, "hi"));
+    close(polite);
+    close(greedy);
 }
 
 TEST(Listener, StaleLiveAndForeignSocketFiles) {

@@ -8,8 +8,12 @@
 namespace orvhost {
 
 // Blocks until `events` (or an error condition) on `fd`, riding out EINTR; the revents, or 0
-// when poll itself failed.
-short waitFor(int fd, short events);
+// when poll itself failed or `timeoutMs` (-1: none) passed.
+short waitFor(int fd, short events, int timeoutMs = -1);
+
+// How long a reply may wait for a client to make room: one that never reads must not stall the
+// listener thread, which serves every client.
+constexpr int kClientSendTimeoutMs = 1000;
 
 // Writes all `len` bytes, riding out EINTR and short writes.
 bool writeAll(int fd, const void* data, size_t len);

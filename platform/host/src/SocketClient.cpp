@@ -74,10 +74,14 @@ int SocketClient::sendData(const void* data, int len) {
         // MSG_NOSIGNAL: a vanished peer yields EPIPE instead of killing the daemon.
         ssize_t n = send(mSocket, p, left, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) continue;
-        // A non-blocking descriptor still gets the whole message.
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) &&
-            (orvhost::waitFor(mSocket, POLLOUT) & POLLOUT))
-            continue;
+        // A full socket gets a bounded wait; a client that still takes nothing is cut off, so
+        // its next read ends the connection and the listener drops it.
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            if (orvhost::waitFor(mSocket, POLLOUT, orvhost::kClientSendTimeoutMs) & POLLOUT)
+                continue;
+            shutdown(mSocket, SHUT_RDWR);
+            errno = EAGAIN;
+        }
         if (n <= 0) {
             if (n == 0) errno = EIO;
             result = -1;

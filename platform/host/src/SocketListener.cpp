@@ -265,6 +265,10 @@ bool SocketListener::acceptClient() {
                     return false;
             }
         }
+        // Blocking sends give up after a while instead of stalling every client.
+        timeval tv = {orvhost::kClientSendTimeoutMs / 1000,
+                      (orvhost::kClientSendTimeoutMs % 1000) * 1000};
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
         SocketClient* c = new SocketClient(fd, true);
         pthread_mutex_lock(&mClientsLock);
         mClients.push_back(c);

@@ -21,11 +21,11 @@ std::string orvhost_path(const char* devicePath) {
 
 namespace orvhost {
 
-short waitFor(int fd, short events) {
+short waitFor(int fd, short events, int timeoutMs) {
     pollfd p = {fd, events, 0};
     int r;
     do {
-        r = poll(&p, 1, -1);
+        r = poll(&p, 1, timeoutMs);
     } while (r < 0 && errno == EINTR);
     return r > 0 ? p.revents : 0;
 }
