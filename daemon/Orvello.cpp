@@ -14,11 +14,17 @@ Orvello::Orvello() {
     ORV_LOGD("constructor called");
 }
 
+// exit() gets here while the listener and timer threads still run: keep them out of the members
+// that are about to go, or a late event calls into a half-destroyed object.
 Orvello::~Orvello() {
     ORV_LOGD("destructor called");
+    mListener.stopListener();
+    OrvTimer::getInstance().setTimeoutWork(nullptr);
 }
 
 bool Orvello::init() {
+    // Created first so that it outlives the daemon object, whose destructor detaches from it.
+    OrvTimer& timer = OrvTimer::getInstance();
     static Orvello daemon;
 
     if (mInstance) {
@@ -34,7 +40,6 @@ bool Orvello::init() {
     daemon.mMsgHandler.setActionManager(&daemon.mActionManager);
     daemon.mListener.setMsgHandler(&daemon.mMsgHandler);
 
-    OrvTimer& timer = OrvTimer::getInstance();
     timer.setTimeoutWork(&daemon.mTimeoutWork);
     timer.start();
 

@@ -15,11 +15,12 @@ OrvMsgHandler::~OrvMsgHandler() {
     ORV_LOGD("destructor called");
 }
 
-void OrvMsgHandler::consume(const char* data, int len, SocketClient* client) {
-    // One buffer for the whole process: a partial frame left by one client is completed (or
-    // spoiled) by whatever arrives next, from any client.
-    static std::string msgBuf;
+// One buffer for the whole process: a partial frame left by one client is completed (or spoiled)
+// by whatever arrives next, from any client. Built before the daemon object so that it is
+// destroyed after it, once the daemon has stopped the listener thread that writes to it.
+static std::string msgBuf;
 
+void OrvMsgHandler::consume(const char* data, int len, SocketClient* client) {
     if (!msgBuf.empty()) {
         ALOGW("msgBuf is not empty");
     }
