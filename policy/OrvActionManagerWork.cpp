@@ -101,8 +101,10 @@ void OrvActionManager::OrvPrepareDBUpdateWork::execute() {
         manager->mNewDB = db;
         ALOGI("new DB %s is prepared to update)", mPath.c_str());
         std::string target = OrvDevicePath(POLICY_DB_FILE);
-        // "--" keeps a path that starts with "-" from being read as an option.
-        std::string command = "mv -- " + shellQuote(mPath) + " " + shellQuote(target);
+        // "--" keeps a path that starts with "-" from being read as an option; mv's complaints
+        // would land on the daemon's standard error, which carries log records only.
+        std::string command =
+            "mv -- " + shellQuote(mPath) + " " + shellQuote(target) + " >/dev/null 2>&1";
         if (system(command.c_str()) == -1) {
             ALOGE("failed to replace new policy file to %s", target.c_str());
         }

@@ -123,7 +123,8 @@ Json::Value* OrvJsonActionDB::lookup(std::initializer_list<const char*> keys) {
 std::string OrvJsonActionDB::memberText(const char* key, const char* absent) {
     Json::Value* v = lookup({key});
     if (v == nullptr || v->isNull()) return absent;
-    if (!v->isString()) {
+    // Scalars read as JsonCpp prints them ("version": 12 is "12"); only containers cannot.
+    if (!v->isConvertibleTo(Json::stringValue)) {
         ALOGE("Invalid policy DB: %s is not text", key);
         return absent;
     }

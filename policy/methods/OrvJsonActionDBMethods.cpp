@@ -150,10 +150,10 @@ void OrvJsonActionDB::doIoctlAction(Json::Value& methodObject, OrvAction* action
 void OrvJsonActionDB::doOrvIoctlAction(Json::Value& methodObject, OrvAction* /*action*/) {
     const Json::Value& cmdValue = member(methodObject, "cmd");
     int cmd = 0;
-    if (cmdValue.isInt()) {
+    // JsonCpp's own conversion (3.5 gives 3, true gives 1); kinds it would throw on read as 0.
+    if (cmdValue.isConvertibleTo(Json::intValue)) {
         cmd = cmdValue.asInt();
-    } else if (!cmdValue.isNull()) {
-        // Taken as absent, like a missing "cmd".
+    } else {
         ALOGE("\"cmd\" is not an int, 0 is used @%s", getCurActionInfoStr().c_str());
     }
     const char* path = methodPath(methodObject);

@@ -134,7 +134,8 @@ TEST_F(IoctlTest, RequestsArgumentsAndRefusals) {
         {"O'cmd':1,'value':'v'", 0, 0, false, "", "path type is not a string. (fetch %orv_ioctl)"},
         {"O&,'cmd':1,'value':7", 0, 0, false, "", "value type is not string (%orv_ioctl)"},
         {"I&,^{'dir':'_IOW','type':'T','nr':1,'size':4,'param_type':'int'},'type':'int','value':7", 4, 0x40045401, false, bytesOf(7), "ioctl{path:& dir:1 type:84 nr:1 size:4 param_type:int} (ret=-1, errno=22) @%ioctl"},
-        // A "cmd" of the wrong kind counts as 0.
+        // A "cmd" of another kind converts as JsonCpp converts it; an inconvertible one counts as 0.
+        {"O&,'cmd':3.5,'value':'v'", 0, 0x40047803, false, "v", "orv_ioctl{path:& cmd:3 value:v} (ret=-1, errno=22) @%orv_ioctl"},
         {"O&,'cmd':'2','value':'v'", 0, 0x40047800, false, "v", "\"cmd\" is not an int, 0 is used @%orv_ioctl\norv_ioctl{path:& cmd:0 value:v} (ret=-1, errno=22) @%orv_ioctl"},
     };
     // clang-format on

@@ -22,6 +22,7 @@ TEST_F(LoadTest, VersionRulesAndUnreadableFiles) {
         {R"({"parser":"v1.0"})", false, "DB Version is too old"},
         {R"({"parser":"v1.0","version":"v0"})", false, "DB Version is too old"},
         {R"({"parser":"v1.0","version":3})", false, "DB Version is too old"},
+        {R"({"parser":"v1.0","version":12})", true, "curDBVersion:0.00, loadDBVersion:2.00"},
         {"", false, "% is not good"},
         {R"({"parser":)", false, "Failed to parse % before decrypt:\n* Line 1"},
         // Deep nesting is refused before the reader sees it.

@@ -56,6 +56,12 @@ TEST_F(UpdateTest, PreparedDatabaseIsMovedSafelyAndTakesOverAtTheNextAppSwitch) 
         EXPECT_EQ(body, orvtest::readFile(mRoot / "data/orvpolicy")) << name;
         EXPECT_NE(0, access((mRoot / "canary").c_str(), F_OK)) << name;
     }
+    // A failed move (the file onto itself) writes nothing to the daemon's standard error.
+    const std::string target = mRoot.write("data/orvpolicy", doc("v12"));
+    testing::internal::CaptureStderr();
+    manager->prepareUpdateDB(target.c_str());
+    syncUpdates();
+    EXPECT_EQ("", testing::internal::GetCapturedStderr());
 
     // State changes keep the old database; the app switch runs the old default reset, swaps,
     // then enters with the new one.
@@ -64,11 +70,11 @@ TEST_F(UpdateTest, PreparedDatabaseIsMovedSafelyAndTakesOverAtTheNextAppSwitch) 
     EXPECT_FALSE(mLog.has("DB updated"));
     (new AppSwitch("B", 1, 2, "run", "A", 3, 4, "run"))->send(manager);
     sync(manager);
-    EXPECT_EQ("v1.reset|v1.A|v1.reset|v11.A|", drainFifo());
+    EXPECT_EQ("v1.reset|v1.A|v1.reset|v12.A|", drainFifo());
     EXPECT_EQ(1, mLog.count("DB updated"));
     std::string dump;
     manager->dumpState(dump);
-    EXPECT_NE(std::string::npos, dump.find("PolicyDB version: v11\n"));
+    EXPECT_NE(std::string::npos, dump.find("PolicyDB version: v12\n"));
 }
 
 }  // namespace
