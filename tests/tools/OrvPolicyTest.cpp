@@ -93,6 +93,8 @@ TEST(OrvPolicy, EachKindOfFinding) {
          "error: com.b.param.large_heap: a parameter must be a text"},
         {"number parameter", withRun("", R"(,"com.b":{"param":{"large_heap":1}})"), 0,
          "warning: com.b.param.large_heap: is not a text"},
+        {"number version", R"({"parser":"v1.0","version":12})", 0,
+         "warning: version: not a text: orvd reads it as \"12\""},
         {"null parameter", withRun("", R"(,"com.b":{"param":{"large_heap":null}})"), 0,
          "warning: com.b.param.large_heap: null counts as absent"},
         {"method without method", withRun(R"({"path":"/f"})"), 1, "no \"method\""},

@@ -108,11 +108,14 @@ void OrvPolicyChecker::checkVersion(const char* key, bool isParser) {
                                     : "missing: orvd reads it as v-1 and refuses the document");
         return;
     }
-    if (!v.isString()) {
-        mReport.error(key, "must be a text such as \"v1.0\"");
+    if (v.isArray() || v.isObject()) {
+        mReport.error(key, "must be a text such as \"v1.0\"; orvd treats this as missing");
         return;
     }
     std::string text = v.asString();
+    if (!v.isString())
+        mReport.warning(
+            key, "not a text: orvd reads it as " + quoted(text) + ", write \"v" + text + "\"");
     float number = parseVersion(text);
     size_t first = text.find_first_not_of(" \t\r\n");
     if (first == std::string::npos || text[first] != 'v')
