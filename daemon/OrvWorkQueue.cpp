@@ -4,6 +4,7 @@
 
 #include <sched.h>
 #include <sys/resource.h>
+#include <time.h>
 
 #include "daemon/OrvStopWatch.h"
 
@@ -13,8 +14,24 @@ OrvWorkQueue::OrvWorkQueue() : mPriority(0), mPolicy(0) {
 }
 
 // The serving thread is never joined and may still wait on the condition variable when the
-// owner goes away at exit; destroying it then would block in glibc.
-OrvWorkQueue::~OrvWorkQueue() {}
+// owner goes away at exit; destroying it then would block in glibc, so the primitives stay.
+OrvWorkQueue::~OrvWorkQueue() {
+    close();
+}
+
+void OrvWorkQueue::close() {
+    if (mClosed) return;
+    // Bounded: exit() may run on the serving thread itself, in the middle of a work.
+    struct timespec deadline;
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += 2;
+    if (pthread_mutex_timedlock(&mLock, &deadline) != 0) return;
+    mClosed = true;
+    for (OrvWork* work : mQueue) {
+        if (work->isDeleteAfterRun()) delete work;
+    }
+    mQueue.clear();
+}
 
 void OrvWorkQueue::push_back(OrvWork* work) {
     pthread_mutex_lock(&mLock);

@@ -15,6 +15,9 @@ class OrvWorkQueue : public Thread {
     ~OrvWorkQueue() override;
 
     void push_back(OrvWork* work);
+    // For teardown: waits for the running work, then keeps the queue locked for good so that
+    // its thread never touches the queue again, and drops what is still queued.
+    void close();
 
   private:
     std::list<OrvWork*> mQueue;
@@ -22,4 +25,5 @@ class OrvWorkQueue : public Thread {
     pthread_cond_t mCond;
     int mPriority;
     int mPolicy;
+    bool mClosed = false;  // only read and written by the owner's thread
 };

@@ -18,6 +18,8 @@ OrvActionManager::OrvActionManager() : mDB(nullptr), mNewDB(nullptr) {
 
 OrvActionManager::~OrvActionManager() {
     ORV_LOGD("destructor called");
+    // The action thread must be done with the databases before they go.
+    mActionQueue.close();
     delete mDB;
     delete mNewDB;
     pthread_mutex_destroy(&mDBLock);
