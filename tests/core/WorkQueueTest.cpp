@@ -105,3 +105,31 @@ TEST(WorkQueueTest, ManyProducersLoseNothing) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(WorkQueueTest, CloseWaitsForTheRunningWorkAndDropsTheRest) {
+    orvtest::LogCapture log;
+    OrvWorkQueue idle;  // never served: what is queued is dropped, flagged work deleted
+    idle.push_back(new GatedWork("queued", true));
+    idle.close();
+    EXPECT_TRUE(log.has("destroyed queued"));
+
+    OrvWorkQueue& queue = *new OrvWorkQueue;
+    ASSERT_EQ(0, queue.start());
+    auto* running = new GatedWork("running", true, false);
+    queue.push_back(running);
+    running->waitStarted();
+    std::atomic<bool> closed{false};
+    std::thread closer([&] {
+        queue.close();
+        closed = true;
+    });
+    EXPECT_FALSE(closed.load());
+    running->open();
+    closer.join();
+    EXPECT_TRUE(log.has("destroyed running"));
+    EXPECT_FALSE(log.has("execute queued"));
+}
+
+}  // namespace
