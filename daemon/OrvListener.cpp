@@ -5,8 +5,8 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "daemon/OrvLog.h"
-#include "daemon/OrvStopWatch.h"
+#include "daemon/core/OrvLog.h"
+#include "daemon/core/OrvStopWatch.h"
 #include "protocol/OrvMsgHandler.h"
 
 OrvListener::OrvListener() : SocketListener("orvd", true), mMsgHandler(nullptr) {

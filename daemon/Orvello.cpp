@@ -3,8 +3,8 @@
 
 #include <cutils/properties.h>
 
-#include "daemon/OrvLog.h"
-#include "daemon/OrvTimer.h"
+#include "daemon/core/OrvLog.h"
+#include "daemon/core/OrvTimer.h"
 
 const char* ORV_PROP_ENABLE = "sys.orv.enable";
 

@@ -3,8 +3,8 @@
 #include <signal.h>
 #include <stdlib.h>
 
-#include "daemon/OrvLog.h"
 #include "daemon/Orvello.h"
+#include "daemon/core/OrvLog.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include <fstream>
 #include <string>
 
-#include "daemon/OrvLog.h"
+#include "daemon/core/OrvLog.h"
 #include "policy/OrvActionManager.h"
 #include "protocol/OrvMsgHandler.h"
 #include "scenario/OrvContext.h"

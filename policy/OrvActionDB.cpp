@@ -3,7 +3,7 @@
 
 #include <string.h>
 
-#include "daemon/OrvLog.h"
+#include "daemon/core/OrvLog.h"
 
 OrvActionDB::OrvActionDB(bool encrypted)
     : mEncrypted(encrypted), mCurAction(nullptr), mCurActionSetKey("") {

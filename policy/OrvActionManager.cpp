@@ -3,7 +3,7 @@
 
 #include <string.h>
 
-#include "daemon/OrvLog.h"
+#include "daemon/core/OrvLog.h"
 #include "policy/OrvActionDB.h"
 
 static const char* orEmpty(const char* text) {

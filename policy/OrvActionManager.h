@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "daemon/OrvWork.h"
-#include "daemon/OrvWorkQueue.h"
+#include "daemon/core/OrvWork.h"
+#include "daemon/core/OrvWorkQueue.h"
 
 class OrvActionDB;
 

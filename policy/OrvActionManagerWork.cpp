@@ -1,8 +1,8 @@
 #define LOG_TAG "OrvActionManager"
 #include <stdlib.h>
 
-#include "daemon/OrvDevicePath.h"
-#include "daemon/OrvLog.h"
+#include "daemon/core/OrvDevicePath.h"
+#include "daemon/core/OrvLog.h"
 #include "policy/OrvActionManager.h"
 #include "policy/OrvJsonActionDB.h"
 

@@ -8,8 +8,8 @@
 #include <iterator>
 
 #include "crypto/OrvSecurityUtil.h"
-#include "daemon/OrvDevicePath.h"
-#include "daemon/OrvLog.h"
+#include "daemon/core/OrvDevicePath.h"
+#include "daemon/core/OrvLog.h"
 
 static const char* const PARSER_VERSION = "v1.0";
 static const char* const INTERMEDIATE_FILE = "/data/___orvtemp";

@@ -1,7 +1,7 @@
 #define LOG_TAG "OrvActionManager"
 #include <string.h>
 
-#include "daemon/OrvLog.h"
+#include "daemon/core/OrvLog.h"
 #include "policy/OrvJsonActionDB.h"
 
 static const char* orEmpty(const char* text) {

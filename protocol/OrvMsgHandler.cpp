@@ -5,7 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include "daemon/OrvLog.h"
+#include "daemon/core/OrvLog.h"
 
 OrvMsgHandler::OrvMsgHandler() : mContext(nullptr), mActionManager(nullptr) {
     ORV_LOGD("constructor called");

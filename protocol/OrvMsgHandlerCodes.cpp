@@ -6,8 +6,8 @@
 #include <sstream>
 #include <string>
 
-#include "daemon/OrvLog.h"
 #include "daemon/Orvello.h"
+#include "daemon/core/OrvLog.h"
 #include "policy/OrvActionManager.h"
 #include "protocol/OrvMsgHandler.h"
 #include "scenario/OrvContext.h"

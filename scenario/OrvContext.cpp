@@ -5,7 +5,7 @@
 
 #include <sstream>
 
-#include "daemon/OrvLog.h"
+#include "daemon/core/OrvLog.h"
 #include "policy/OrvActionManager.h"
 #include "scenario/OrvAppStates.h"
 #include "scenario/OrvState.h"

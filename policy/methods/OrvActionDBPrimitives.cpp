@@ -8,7 +8,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "daemon/OrvLog.h"
+#include "daemon/core/OrvLog.h"
 #include "policy/OrvActionDB.h"
 #include "policy/methods/OrvIoctlCfg.h"
 

@@ -2,9 +2,9 @@
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
 
-#include "daemon/OrvDevicePath.h"
-#include "daemon/OrvLog.h"
-#include "daemon/OrvStopWatch.h"
+#include "daemon/core/OrvDevicePath.h"
+#include "daemon/core/OrvLog.h"
+#include "daemon/core/OrvStopWatch.h"
 #include "support/OrvTestSupport.h"
 
 namespace {

@@ -11,9 +11,9 @@
 #include <filesystem>
 #include <thread>
 
-#include "daemon/OrvLog.h"
-#include "daemon/OrvTimeoutWork.h"
-#include "daemon/OrvTimer.h"
+#include "daemon/core/OrvLog.h"
+#include "daemon/core/OrvTimeoutWork.h"
+#include "daemon/core/OrvTimer.h"
 #include "support/OrvTestSupport.h"
 
 namespace {

@@ -7,8 +7,8 @@
 #include <mutex>
 #include <thread>
 
-#include "daemon/OrvLog.h"
-#include "daemon/OrvWorkQueue.h"
+#include "daemon/core/OrvLog.h"
+#include "daemon/core/OrvWorkQueue.h"
 #include "support/OrvTestSupport.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "daemon/Thread.h"
+#include "daemon/core/Thread.h"
 
 Thread::Thread() : mThread(0), mStarted(0) {}
 

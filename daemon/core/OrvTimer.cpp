@@ -1,12 +1,12 @@
 #define LOG_TAG "OrvTimer"
 
-#include "daemon/OrvTimer.h"
+#include "daemon/core/OrvTimer.h"
 
 #include <errno.h>
 #include <sys/time.h>
 #include <time.h>
 
-#include "daemon/OrvLog.h"
+#include "daemon/core/OrvLog.h"
 
 OrvTimer& OrvTimer::getInstance() {
     static OrvTimer instance;

@@ -1,6 +1,6 @@
 #define LOG_TAG "OrvLog"
 
-#include "daemon/OrvLog.h"
+#include "daemon/core/OrvLog.h"
 
 #include <cutils/properties.h>
 #include <string.h>

@@ -1,4 +1,4 @@
-#include "daemon/OrvDevicePath.h"
+#include "daemon/core/OrvDevicePath.h"
 
 #ifdef __ANDROID__
 std::string OrvDevicePath(const char* devicePath) {

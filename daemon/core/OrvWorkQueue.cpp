@@ -1,12 +1,12 @@
 #define LOG_TAG "OrvWorkQueue"
 
-#include "daemon/OrvWorkQueue.h"
+#include "daemon/core/OrvWorkQueue.h"
 
 #include <sched.h>
 #include <sys/resource.h>
 #include <time.h>
 
-#include "daemon/OrvStopWatch.h"
+#include "daemon/core/OrvStopWatch.h"
 
 OrvWorkQueue::OrvWorkQueue() : mPriority(0), mPolicy(0) {
     pthread_mutex_init(&mLock, nullptr);

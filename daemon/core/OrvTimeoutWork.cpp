@@ -1,12 +1,12 @@
 #define LOG_TAG "OrvTimeoutWork"
 
-#include "daemon/OrvTimeoutWork.h"
+#include "daemon/core/OrvTimeoutWork.h"
 
 #include <cutils/sockets.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "daemon/OrvLog.h"
+#include "daemon/core/OrvLog.h"
 
 namespace {
 const char kTimeoutMsg[] = "[500,0]";

@@ -3,8 +3,8 @@
 
 #include <list>
 
-#include "daemon/OrvWork.h"
-#include "daemon/Thread.h"
+#include "daemon/core/OrvWork.h"
+#include "daemon/core/Thread.h"
 
 // FIFO of work served by one thread. A work executes under the queue lock, so producers wait
 // while it runs; that serialisation is intended.

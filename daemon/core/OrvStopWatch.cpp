@@ -1,10 +1,10 @@
 #define LOG_TAG "OrvStopWatch"
 
-#include "daemon/OrvStopWatch.h"
+#include "daemon/core/OrvStopWatch.h"
 
 #include <sys/time.h>
 
-#include "daemon/OrvLog.h"
+#include "daemon/core/OrvLog.h"
 
 OrvStopWatch gWatch("gWatch");
 
