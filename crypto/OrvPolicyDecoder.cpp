@@ -3,7 +3,6 @@
 #include <stdio.h>
 #include <string.h>
 
-#include <exception>
 #include <vector>
 
 #include "crypto/Aes256.h"
@@ -24,21 +23,11 @@ void wipe(void* p, size_t n) {
     for (size_t i = 0; i < n; ++i) v[i] = 0;
 }
 
-// A huge file named in an update is a failure, not an exception that ends the daemon.
-template <typename T>
-bool fitsInMemory(std::vector<T>& buf, size_t size) {
-    try {
-        buf.assign(size, T());
-        return true;
-    } catch (const std::exception&) {
-        return false;
-    }
-}
-
 // Returns the plain document's length inside `buf` (which it deciphers in place), or -1.
 long decodeBytes(const char* text, size_t size, std::vector<uint8_t>& buf) {
     const size_t n = size / 2;
-    if (!orv_policy_text_size_ok(size) || !fitsInMemory(buf, n)) return -1;
+    if (!orv_policy_text_size_ok(size)) return -1;
+    buf.assign(n, 0);
     if (!orv_policy_text_to_bytes(text, size, buf.data())) return -1;
 
     for (size_t i = 1; i < kOrvPolicyHeaderSize; ++i) buf[i] ^= buf[0];
@@ -75,7 +64,8 @@ long decodeBytes(const char* text, size_t size, std::vector<uint8_t>& buf) {
 
 bool orv_policy_text_size_ok(size_t size) {
     const size_t n = size / 2;
-    return size % 2 == 0 && n > kOverhead && n % 16 == 0;
+    // The cap keeps allocation bounded: a huge file is refused, never an allocation failure.
+    return size <= kOrvPolicyMaxTextSize && size % 2 == 0 && n > kOverhead && n % 16 == 0;
 }
 
 bool orv_policy_text_to_bytes(const char* text, size_t size, uint8_t* out) {
@@ -115,8 +105,8 @@ int decrypt_policy_file(const std::string& src, const std::string& dst) {
     std::vector<uint8_t> buf;
     long size = -1;
     if (fseek(in, 0, SEEK_END) == 0) size = ftell(in);
-    if (size >= 0 && orv_policy_text_size_ok(size_t(size)) && fseek(in, 0, SEEK_SET) == 0 &&
-        fitsInMemory(text, size_t(size))) {
+    if (size >= 0 && orv_policy_text_size_ok(size_t(size)) && fseek(in, 0, SEEK_SET) == 0) {
+        text.assign(size_t(size), 0);
         if (fread(text.data(), 1, text.size(), in) == text.size()) {
             const long len = decodeBytes(text.data(), text.size(), buf);
             FILE* out = len >= 0 ? fopen(dst.c_str(), "wb") : nullptr;

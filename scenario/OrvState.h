@@ -35,7 +35,7 @@ class OrvState {
 
   protected:
     OrvState() = default;
-    ~OrvState() = default;
+    virtual ~OrvState() = default;
     OrvState(const OrvState&) = delete;
     OrvState& operator=(const OrvState&) = delete;
 
