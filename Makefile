@@ -2,6 +2,8 @@
 BUILD      ?= build
 JOBS       ?= $(shell nproc)
 CTEST_ARGS ?= --output-on-failure -j$(JOBS) --timeout 120
+# Rebuilds of the three configurations share one compiler cache when ccache is there.
+CMAKE_ARGS ?= $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 
 .PHONY: all deps build check check-asan check-tsan demo bench fuzz format clean
 
@@ -11,7 +13,7 @@ deps:
 	@scripts/install-deps
 
 $(BUILD)/CMakeCache.txt: | deps
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS)
 
 build: deps $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j$(JOBS)
@@ -20,12 +22,12 @@ check: build
 	cd $(BUILD) && ctest $(CTEST_ARGS)
 
 check-asan: deps
-	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DORV_SANITIZE=address
+	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug $(CMAKE_ARGS) -DORV_SANITIZE=address
 	cmake --build build-asan -j$(JOBS)
 	cd build-asan && ctest $(CTEST_ARGS)
 
 check-tsan: deps
-	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DORV_SANITIZE=thread
+	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug $(CMAKE_ARGS) -DORV_SANITIZE=thread
 	cmake --build build-tsan -j$(JOBS)
 	cd build-tsan && TSAN_OPTIONS="suppressions=$(CURDIR)/tests/tsan.supp halt_on_error=1" ctest $(CTEST_ARGS)
 
