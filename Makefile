@@ -5,7 +5,7 @@ CTEST_ARGS ?= --output-on-failure -j$(JOBS) --timeout 120
 # Rebuilds of the three configurations share one compiler cache when ccache is there.
 CMAKE_ARGS ?= $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 
-.PHONY: all deps build check check-asan check-tsan demo bench fuzz format clean
+.PHONY: all deps build check check-asan check-tsan demo demo-live bench fuzz format clean
 
 all: build
 
@@ -33,6 +33,11 @@ check-tsan: deps
 
 demo: build
 	scripts/demo $(BUILD)
+
+# Real cgroups and processes; needs root (it says so and skips otherwise).
+demo-live: build
+	@scripts/install-deps --demo-live
+	scripts/demo-live $(BUILD)
 
 bench: build
 	$(BUILD)/bin/orv_bench
