@@ -67,6 +67,15 @@ struct DemoRun {
     }
 };
 
+TEST(DemoLive, ExamplePolicyChecksClean) {
+    orvtest::TempRoot root;
+    auto r = orvtest::runTool(
+        root, "orvpolicy",
+        "check " + orvtest::shellQuote(orvtest::source("examples/linux-cgroup-policy.json")));
+    EXPECT_EQ(0, r.status) << r.out << r.err;
+    EXPECT_EQ("", r.out + r.err);
+}
+
 TEST(DemoLive, ShortRunShowsTheForegroundWinningAndLeavesNothingBehind) {
     DemoRun demo;
     demo.start();
