@@ -59,6 +59,9 @@ struct DemoRun {
         EXPECT_NE(0, stat(m[1].str().c_str(), &st)) << m[1] << " was left behind";
         ASSERT_TRUE(std::regex_search(t, m, std::regex(R"(groups (\S+)/\{top-app)"))) << t;
         EXPECT_NE(0, stat(m[1].str().c_str(), &st)) << m[1] << " was left behind";
+        std::string trace =
+            "/sys/kernel/tracing/instances" + m[1].str().substr(m[1].str().rfind('/'));
+        EXPECT_NE(0, stat(trace.c_str(), &st)) << trace << " was left behind";
         int pids = 0;
         std::regex pidRe(R"((is pid|orvd is running.*\(pid) (\d+))");
         for (std::sregex_iterator i(t.begin(), t.end(), pidRe), end; i != end; ++i, ++pids)
