@@ -45,13 +45,6 @@ std::string hexBytes(const void* data, size_t n) {
     return out;
 }
 
-int errorLines(const std::string& log) {
-    int n = 0;
-    for (size_t at = 0; (at = log.find(" E OrvActionManager: ", at)) != std::string::npos; ++at)
-        ++n;
-    return n;
-}
-
 // Both ends of a fresh pseudo-terminal; the daemon opens the slave by its /dev/pts path.
 struct Pty {
     Pty() {
@@ -109,7 +102,7 @@ TEST(KernelDriver, IoctlOnAPseudoTerminal) {
     LiveDaemon orvd;
     ASSERT_TRUE(orvd.start(policy(methods))) << orvd.log();
     ASSERT_EQ(0, orvd.ctl("launch com.k").status);
-    ASSERT_TRUE(orvd.settle()) << orvd.log();
+    ASSERT_TRUE(orvd.settle(1)) << orvd.log();
 
     int failures = 0;
     for (const auto& c : cases) {
@@ -117,7 +110,7 @@ TEST(KernelDriver, IoctlOnAPseudoTerminal) {
         ++failures;
         EXPECT_TRUE(orvd.logged("E OrvActionManager: " + c.line)) << c.what << "\n" << orvd.log();
     }
-    EXPECT_EQ(failures, errorLines(orvd.log())) << orvd.log();
+    EXPECT_EQ(failures, orvd.count(" E OrvActionManager: ")) << orvd.log();
     termios2 got;
     ASSERT_EQ(0, ioctl(pty.slave, TCGETS2, &got));
     EXPECT_EQ(want.c_lflag, got.c_lflag);
@@ -159,14 +152,14 @@ TEST(KernelDriver, XfsIntoACgroup) {
     ASSERT_EQ(0, orvd.ctl("launch com.k").status);
     ASSERT_EQ(0, orvd.ctl("start " + std::to_string(app.pid) + " com.k").status);
     ASSERT_EQ(0, orvd.ctl("displayed " + std::to_string(app.pid) + " com.k").status);
-    ASSERT_TRUE(orvd.settle()) << orvd.log();
+    ASSERT_TRUE(orvd.settle(2)) << orvd.log();  // launch, then displayed (start stays)
 
     // The kernel took 512 and refused "abc" with EINVAL, keeping 512.
     EXPECT_EQ("512\n", orvtest::readFile(knob));
     EXPECT_TRUE(orvd.logged("E OrvActionManager: write \"" + knob +
                             "\" failed (errno=22) @com.k.action.launch.on_enter[1]xfs"))
         << orvd.log();
-    EXPECT_EQ(1, errorLines(orvd.log())) << orvd.log();
+    EXPECT_EQ(1, orvd.count(" E OrvActionManager: ")) << orvd.log();
     EXPECT_EQ(std::to_string(app.pid) + "\n", orvtest::readFile(group.file("cgroup.procs")));
     std::string where = orvtest::readFile("/proc/" + std::to_string(app.pid) + "/cgroup");
     EXPECT_NE(where.find(group.path().substr(group.path().rfind('/')) + "\n"), std::string::npos)

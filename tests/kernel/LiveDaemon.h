@@ -35,16 +35,17 @@ class LiveDaemon {
     }
     std::string log() const { return readFile(mRoot / "orvd.err"); }
     bool logged(const std::string& part) const { return log().find(part) != std::string::npos; }
-    // Waits until every action queued so far has run: as many "work finish" marks as "work added".
-    bool settle() {
-        auto count = [&](const std::string& mark) {
-            std::string text = log();
-            int n = 0;
-            for (size_t at = 0; (at = text.find(mark, at)) != std::string::npos; ++at) ++n;
-            return n;
-        };
-        return orvtest::eventually(
-            [&] { return count("->==work finish") >= count("->==work added"); });
+    // How many times `part` occurs in the log.
+    int count(const std::string& part) const {
+        std::string text = log();
+        int n = 0;
+        for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) ++n;
+        return n;
+    }
+    // Waits until `actions` actions have been queued and run: orvctl returns once it has sent an
+    // event, before orvd has read it.
+    bool settle(int actions) {
+        return orvtest::eventually([&] { return count("->==work finish") >= actions; });
     }
 
   private:
