@@ -233,6 +233,14 @@ bool SocketClient::hasQueued() {
     return queued;
 }
 
+void SocketClient::detach() {
+    pthread_mutex_lock(&mWriteMutex);
+    mQueueing = false;
+    mWakeFd = -1;
+    mQueued.clear();
+    pthread_mutex_unlock(&mWriteMutex);
+}
+
 void SocketClient::incRef() {
     pthread_mutex_lock(&mRefCountMutex);
     ++mRefCount;

@@ -362,6 +362,7 @@ bool SocketListener::release(SocketClient* c, bool wakeup) {
     pthread_mutex_unlock(&mClientsLock);
     if (!found) return false;
     if (wakeup) wakeUp();
+    c->detach();
     c->decRef();
     return true;
 }
@@ -403,5 +404,8 @@ void SocketListener::releaseClients() {
     std::list<SocketClient*> clients;
     clients.swap(mClients);
     pthread_mutex_unlock(&mClientsLock);
-    for (SocketClient* c : clients) c->decRef();
+    for (SocketClient* c : clients) {
+        c->detach();
+        c->decRef();
+    }
 }

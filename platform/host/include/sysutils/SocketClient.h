@@ -46,6 +46,9 @@ class SocketClient {
     // Listener side: writes what is queued; false when the peer is gone or was cut off.
     bool flushQueued();
     bool hasQueued();
+    // Listener side, when it lets the client go: what is still queued is dropped and later
+    // replies (from whoever holds a reference) are sent directly.
+    void detach();
 
     int mSocket;
     bool mSocketOwned;
