@@ -5,7 +5,7 @@ CTEST_ARGS ?= --output-on-failure -j$(JOBS) --timeout 120
 # Rebuilds of the three configurations share one compiler cache when ccache is there.
 CMAKE_ARGS ?= $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 
-.PHONY: all deps build check check-asan check-tsan demo demo-live bench fuzz format clean
+.PHONY: all deps build check check-asan check-tsan check-device demo demo-live bench fuzz format clean
 
 all: build
 
@@ -30,6 +30,11 @@ check-tsan: deps
 	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug $(CMAKE_ARGS) -DORV_SANITIZE=thread
 	cmake --build build-tsan -j$(JOBS)
 	cd build-tsan && TSAN_OPTIONS="suppressions=$(CURDIR)/tests/tsan.supp halt_on_error=1" ctest $(CTEST_ARGS)
+
+# The device modules compiled as an AOSP tree would, and the SELinux policy checked; no tree needed.
+check-device:
+	@scripts/install-deps --device
+	scripts/check-device
 
 demo: build
 	scripts/demo $(BUILD)

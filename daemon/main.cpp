@@ -1,7 +1,10 @@
 #define LOG_TAG "OrvMain"
+#include <errno.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
 
 #include "daemon/Orvello.h"
 #include "daemon/core/OrvLog.h"
@@ -11,6 +14,16 @@ namespace {
 // signal() has BSD semantics on both bionic and glibc; bsd_signal exists only on the former.
 void installHandler(int sig, void (*handler)(int)) {
     signal(sig, handler);
+}
+
+// Every ioctl execution keeps its descriptor for the daemon's life: take all that init allows,
+// so that clients can still connect after many of them.
+void raiseDescriptorLimit() {
+    struct rlimit rl;
+    if (getrlimit(RLIMIT_NOFILE, &rl) != 0 || rl.rlim_cur >= rl.rlim_max) return;
+    rl.rlim_cur = rl.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &rl) != 0)
+        ALOGW("cannot raise the descriptor limit (%s)", strerror(errno));
 }
 
 }  // namespace
@@ -48,6 +61,7 @@ void block_here() {
 
 int main() {
     ALOGI("start");
+    raiseDescriptorLimit();
     OrvLogUpdateToggle();
     installHandler(SIGINT, signal_callback_handler);
     // A client that hangs up before its reply must not take the daemon down.

@@ -3,11 +3,14 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
+#include <memory>
 #include <random>
 #include <thread>
 
@@ -215,6 +218,68 @@ TEST_F(DaemonTest, ManyClientsVanishingClientsAndRandomBytes) {
     EXPECT_TRUE(pollUntil([&] { return closed() >= all; }, 30000)) << closed();
     EXPECT_TRUE(alive());
     EXPECT_TRUE(Client().ok());
+}
+
+// Each ioctl execution keeps its descriptor for the daemon's life: with a low soft limit from
+// the launcher, 260 app switches must still leave the daemon reachable.
+TEST_F(DaemonTest, StaysReachableAfterManyKeptIoctlDescriptors) {
+    rlimit old;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &old));
+    if (old.rlim_max < 1024) GTEST_SKIP() << "the hard descriptor limit is below 1024";
+    const std::string ioctl =
+        R"({ "method": "orv_ioctl", "path": ")" + node + R"(", "cmd": 1, "value": "1" })";
+    root.write("data/orvpolicy", R"({ "parser": "v1.0", "version": "v1.0",
+      "default": { "action": { "reset": { "policy": [] } } },
+      "applications": { "com.a": { "action": { "run": { "on_enter": [ )" +
+                                     ioctl + R"( ] } } },
+                        "com.b": { "action": { "run": { "on_enter": [ )" +
+                                     ioctl + R"( ] } } } } })");
+    rlimit low = old;
+    low.rlim_cur = 256;
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &low));
+    const bool started = start();
+    setrlimit(RLIMIT_NOFILE, &old);
+    ASSERT_TRUE(started) << log();
+    const std::string fdDir = "/proc/" + std::to_string(pid) + "/fd";
+    auto openFds = [&] {
+        size_t n = 0;
+        for ([[maybe_unused]] auto& e : std::filesystem::directory_iterator(fdDir)) ++n;
+        return n;
+    };
+    const size_t before = openFds();
+    std::string switches;
+    for (int i = 0; i < 260; ++i) {
+        const std::string app = i % 2 ? "com.b" : "com.a", pidText = std::to_string(100 + i % 2);
+        switches += frame(1, pidText + ";" + app) + frame(3, pidText + ";" + app + ";act;x") +
+                    frame(4, pidText + ";" + app);
+    }
+    Client c;
+    ASSERT_TRUE(c.send(switches));
+    EXPECT_TRUE(pollUntil([&] { return openFds() >= before + 260; })) << openFds() << log();
+    EXPECT_NE("", Client().ask(900, "")) << "unreachable";
+    EXPECT_NE("", c.ask(900, ""));
+}
+
+// Clients that never read their replies cost the others nothing: their replies wait (or they
+// are cut off) while another client's dump is answered at once.
+TEST_F(DaemonTest, ClientsThatNeverReadDoNotDelayAnotherClientsDump) {
+    ASSERT_TRUE(start()) << log();
+    std::vector<std::unique_ptr<Client>> silent;
+    std::string asks;
+    for (int i = 0; i < 1000; ++i) asks += frame(900, "");
+    for (int i = 0; i < 5; ++i) {
+        silent.push_back(std::make_unique<Client>());
+        ASSERT_TRUE(silent.back()->send(asks));
+    }
+    Client polite;
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_NE("", polite.ask(900, ""));
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                  std::chrono::steady_clock::now() - start)
+                  .count();
+    // Well under the time one blocked reply used to hold the listener.
+    EXPECT_LT(ms, 800);
+    EXPECT_TRUE(alive());
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/socket.h>
 #include <sysutils/SocketClient.h>
 #include <unistd.h>
@@ -8,6 +10,7 @@
 #include <string>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -78,6 +81,60 @@ TEST_F(SocketPair, ClosedPeerFailsWithoutSigpipe) {
     mFds[1] = -1;
     EXPECT_EQ(-1, client.sendMsg(200, "anyone?", false));
     EXPECT_EQ(-1, client.sendMsg(std::string(300000, 'x').c_str()));
+}
+
+// The binary forms: the code's own bytes; "%.3d" and NUL, big-endian length, data; a vector.
+TEST_F(SocketPair, CodeBinaryAndVectorWireBytes) {
+    using S = std::string;
+    SocketClient client(mFds[0], true);
+    const int code = 0x01020304;
+    ASSERT_EQ(0, client.sendCode(code));
+    EXPECT_EQ(S(reinterpret_cast<const char*>(&code), sizeof(code)), readBytes(sizeof(code)));
+    const struct {
+        int code;
+        const char* data;
+        int len;
+        S wire;
+    } rows[] = {
+        {7, "abc", 3, S("007\0\0\0\0\3abc", 11)},
+        {200, "", 0, S("200\0\0\0\0\0", 8)},
+        {1234, nullptr, 0, S("123\0\0\0\0\0", 8)},
+        {-5, "\0x", 2, S("-00\0\0\0\0\2\0x", 10)},
+    };
+    for (const auto& r : rows) {
+        ASSERT_EQ(0, client.sendBinaryMsg(r.code, r.data, r.len)) << r.code;
+        EXPECT_EQ(r.wire, readBytes(r.wire.size())) << r.code;
+    }
+    EXPECT_EQ(-1, client.sendBinaryMsg(1, nullptr, 3));
+    char ab[] = "ab", cd[] = "cd";
+    iovec vec[] = {{ab, 2}, {nullptr, 0}, {cd, 2}};
+    ASSERT_EQ(0, client.sendDatav(vec, 3));
+    EXPECT_EQ("abcd", readBytes(4));
+}
+
+TEST(SocketClientQuote, EscapesQuotesAndBackslashes) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"", R"("")"},
+        {"a b", R"("a b")"},
+        {R"(say "hi")", R"("say \"hi\"")"},
+        {R"(C:\x\)", R"("C:\\x\\")"},
+    };
+    for (const auto& [arg, quoted] : rows) {
+        char* q = SocketClient::quoteArg(arg);
+        EXPECT_STREQ(quoted, q) << arg;
+        free(q);
+    }
+}
+
+// The reference count starts at 1; the last decRef deletes the client and closes its socket.
+TEST_F(SocketPair, LastReferenceClosesTheSocket) {
+    auto* client = new SocketClient(mFds[0], true);
+    client->incRef();
+    EXPECT_FALSE(client->decRef());
+    EXPECT_EQ(0, fcntl(mFds[0], F_GETFD) & ~FD_CLOEXEC);
+    EXPECT_TRUE(client->decRef());
+    EXPECT_EQ(-1, fcntl(mFds[0], F_GETFD));
+    EXPECT_EQ("", readBytes(1)) << "the peer sees the end";
 }
 
 }  // namespace

@@ -6,12 +6,16 @@
 #include <poll.h>
 #include <stddef.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sysutils/SocketListener.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -134,7 +138,7 @@ TEST(Listener, AClientThatNeverReadsIsCutOffAndOthersAreStillServed) {
     const std::string ask(200, 'q');
     // Keep asking until the listener takes nothing more: it is stuck or has cut us off.
     for (pollfd p = {greedy, POLLOUT, 0}; poll(&p, 1, 300) == 1 && !(p.revents & POLLERR);) {
-        if (write(greedy, ask.data(), ask.size()) < 0 && errno != EAGAIN) break;
+        if (send(greedy, ask.data(), ask.size(), MSG_NOSIGNAL) < 0 && errno != EAGAIN) break;
     }
     int polite = connectOrvd();
     timeval tv = {5, 0};  // fail rather than hang if the listener is stuck
@@ -178,28 +182,37 @@ TEST(Listener, StaleLiveAndForeignSocketFiles) {
     EXPECT_EQ(1u, log.records().size());
 }
 
-// A descriptor handed over in the environment is served as it is; anything else there is no
-// socket of ours.
-TEST(Listener, TakesOnlyASocketHandedOverInTheEnvironment) {
+// As on a device, a descriptor handed over in the environment counts only when it is a socket
+// bound at the reserved directory under the name asked for.
+TEST(Listener, TakesOnlyTheReservedSocketHandedOverInTheEnvironment) {
     orvtest::TempRoot root;
-    std::string path = root / "launcher.sock";
-    int handed = bindAt(path), file = open("/dev/null", O_RDONLY), closed = dup(file);
-    ASSERT_GE(handed, 0);
+    ASSERT_EQ(0, mkdir((root / "dev/socket").c_str(), 0755));
+    int handed = bindAt(root / "dev//socket/orvd"), elsewhere = bindAt(root / "launcher.sock");
+    int file = open("/dev/null", O_RDONLY), closed = dup(file);
+    ASSERT_TRUE(handed >= 0 && elsewhere >= 0);
     close(closed);
     const std::string s = std::to_string(handed);
-    for (std::string bad : {std::string(), std::to_string(file), std::to_string(closed), s + "x",
-                            " " + s, "-" + s, std::string("99999999999999999999")}) {
+    for (std::string bad :
+         {std::string(), std::to_string(file), std::to_string(closed), s + "x", " " + s, "-" + s,
+          std::string("99999999999999999999"), std::to_string(elsewhere)}) {
         setenv("ANDROID_SOCKET_orvd", bad.c_str(), 1);
         EXPECT_EQ(-1, android_get_control_socket("orvd")) << '"' << bad << '"';
     }
     close(file);
+    close(elsewhere);
+    setenv("ANDROID_SOCKET_other", s.c_str(), 1);
+    EXPECT_EQ(-1, android_get_control_socket("other")) << "bound under another name";
+    unsetenv("ANDROID_SOCKET_other");
     setenv("ANDROID_SOCKET_orvd", s.c_str(), 1);
-    EXPECT_EQ(-1, android_get_control_socket("other"));
+    EXPECT_EQ(handed, android_get_control_socket("orvd"));
+    struct stat before, after;
+    ASSERT_EQ(0, lstat((root / "dev/socket/orvd").c_str(), &before));
     EchoListener listener("orvd", true);
     ASSERT_EQ(0, listener.startListener());
     unsetenv("ANDROID_SOCKET_orvd");
-    EXPECT_FALSE(std::filesystem::exists(root / "dev/socket/orvd")) << "nothing created";
-    int fd = socket_local_client(path.c_str(), ANDROID_SOCKET_NAMESPACE_FILESYSTEM, SOCK_STREAM);
+    ASSERT_EQ(0, lstat((root / "dev/socket/orvd").c_str(), &after));
+    EXPECT_EQ(before.st_ino, after.st_ino) << "served as it is, nothing created";
+    int fd = connectOrvd();
     EXPECT_EQ("200 handed", roundTrip(fd, "handed"));
     close(fd);
 }
@@ -244,3 +257,160 @@ TEST(LocalClient, NamespacesAndFailures) {
 }
 
 }  // namespace
+
+namespace {
+
+// "fill:<n>" is answered with <n> bytes of one letter per request (a, b, c...) and a NUL; the
+// server side of each connection gets a small send buffer, so replies soon wait in the queue.
+struct FillListener : SocketListener {
+    using SocketListener::SocketListener;
+    ~FillListener() override { stopListener(); }
+    bool onDataAvailable(SocketClient* c) override {
+        char buf[64];
+        ssize_t n = read(c->getSocket(), buf, sizeof(buf) - 1);
+        if (n <= 0) return false;
+        buf[n] = '\0';
+        int small = 4096;
+        setsockopt(c->getSocket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+        if (strncmp(buf, "fill:", 5) != 0) {
+            c->sendMsg(buf);
+            return true;
+        }
+        std::string body(size_t(atoi(buf + 5)), char('a' + mFills++ % 26));
+        c->sendMsg(body.c_str());
+        mServed++;
+        return true;
+    }
+    int mFills = 0;
+    std::atomic<int> mServed{0};
+};
+
+// Asks for replies of `size` bytes, one request at a time, without reading any.
+void askFills(int fd, FillListener& l, int count, int size) {
+    for (int i = 0; i < count; ++i) {
+        const int before = l.mServed;
+        std::string ask = "fill:" + std::to_string(size);
+        if (send(fd, ask.data(), ask.size(), MSG_NOSIGNAL) != ssize_t(ask.size())) return;
+        for (int w = 0; l.mServed == before && w < 100; ++w) usleep(2000);
+    }
+}
+
+// Well under the time one blocked reply used to hold the listener.
+constexpr long long kPromptMs = 800;
+
+long long elapsedMs(std::chrono::steady_clock::time_point since) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 since)
+        .count();
+}
+
+}  // namespace
+
+// Replies a client does not read yet wait for it, whole and in order, while every other client
+// is answered at once; past the bound the client is cut off and the others still do not wait.
+TEST(Listener, RepliesWaitForASlowReaderWithoutStallingOthers) {
+    orvtest::TempRoot root;
+    FillListener listener("orvd", true);
+    ASSERT_EQ(0, listener.startListener());
+    int slow = connectOrvd(), greedy = connectOrvd(), polite = connectOrvd();
+    timeval tv = {5, 0};
+    setsockopt(polite, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+    setsockopt(slow, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+    setsockopt(greedy, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+    askFills(slow, listener, 3, 16 * 1024);
+    askFills(greedy, listener, 12, 16 * 1024);
+
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ("ping", roundTrip(polite, "ping"));
+    EXPECT_LT(elapsedMs(start), kPromptMs) << "a reply waited for a blocked client";
+
+    for (char letter : {'a', 'b', 'c'})
+        EXPECT_TRUE(roundTrip(slow, "") == std::string(16 * 1024, letter)) << "reply " << letter;
+    std::string rest;
+    for (char buf[4096]; ssize_t n = read(greedy, buf, sizeof(buf));) {
+        if (n < 0) break;
+        rest.append(buf, size_t(n));
+    }
+    EXPECT_LT(rest.size(), 12u * (16 * 1024 + 1)) << "the greedy client was cut off";
+    EXPECT_EQ("pong", roundTrip(polite, "pong"));
+    for (int fd : {slow, greedy, polite}) close(fd);
+}
+
+// Out of descriptors, the listener still serves its clients, refuses new ones at once instead of
+// finding them ready again at every poll, says so once, and accepts as soon as one is free.
+TEST(Listener, SurvivesRunningOutOfDescriptors) {
+    orvtest::TempRoot root;
+    EchoListener listener("orvd", true);
+    ASSERT_EQ(0, listener.startListener());
+    int early = connectOrvd();
+    ASSERT_EQ("200 before", roundTrip(early, "before"));
+    // Sockets made now: connecting them later needs no descriptor.
+    int refused = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int later = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    rlimit old;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &old));
+    rlimit low = old;
+    low.rlim_cur = std::min<rlim_t>(old.rlim_cur, 512);
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &low));
+    std::vector<int> fillers;
+    for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) fillers.push_back(fd);
+    ASSERT_EQ(EMFILE, errno);
+
+    orvtest::LogCapture log;
+    const clock_t cpuBefore = clock();
+    ASSERT_EQ(refused,
+              socket_local_client_connect(refused, "orvd", ANDROID_SOCKET_NAMESPACE_RESERVED, 0));
+    pollfd p = {refused, POLLIN, 0};
+    EXPECT_EQ(1, poll(&p, 1, 3000)) << "a waiting connection is closed, not left pending";
+    EXPECT_EQ("", roundTrip(refused, ""));
+    EXPECT_EQ("200 during", roundTrip(early, "during"));
+    usleep(300 * 1000);
+    EXPECT_LT(double(clock() - cpuBefore) / CLOCKS_PER_SEC, 0.1) << "the listener spins";
+    EXPECT_EQ(1u, log.texts("SocketListener").size());
+
+    for (int fd : fillers) close(fd);
+    ASSERT_EQ(later,
+              socket_local_client_connect(later, "orvd", ANDROID_SOCKET_NAMESPACE_RESERVED, 0));
+    EXPECT_EQ("200 after", roundTrip(later, "after"));
+    setrlimit(RLIMIT_NOFILE, &old);
+    for (int fd : {early, refused, later}) close(fd);
+}
+
+// Every client gets a broadcast and runs the command; a released client is forgotten by the
+// listener but lives on while someone holds a reference, and closes with the last one.
+TEST(Listener, BroadcastEachSocketAndReleaseWithReferences) {
+    orvtest::TempRoot root;
+    EchoListener listener("orvd", true);
+    ASSERT_EQ(0, listener.startListener());
+    std::vector<int> fds;
+    for (const char* hi : {"a", "b", "c"}) {
+        fds.push_back(connectOrvd());
+        ASSERT_EQ(std::string("200 ") + hi, roundTrip(fds.back(), hi));
+    }
+    errno = ENOENT;
+    listener.sendBroadcast(600, "news", true);
+    for (int fd : fds) EXPECT_EQ("600 news (No such file or directory)", roundTrip(fd, ""));
+
+    struct Collect : SocketClientCommand {
+        void runSocketCommand(SocketClient* c) override {
+            c->incRef();
+            clients.push_back(c);
+        }
+        std::vector<SocketClient*> clients;
+    } collect;
+    listener.runOnEachSocket(&collect);
+    ASSERT_EQ(3u, collect.clients.size());
+    SocketClient* held = collect.clients[1];
+    EXPECT_EQ(getpid(), held->getPid());
+    EXPECT_TRUE(listener.release(held));
+    EXPECT_FALSE(listener.release(held));
+    listener.sendBroadcast(601, "others", false);
+    EXPECT_EQ("601 others", roundTrip(fds[0], ""));
+    EXPECT_EQ("601 others", roundTrip(fds[2], ""));
+    EXPECT_EQ(0, held->sendMsg(602, "still here", false));
+    EXPECT_EQ("602 still here", roundTrip(fds[1], ""));
+    for (SocketClient* c : collect.clients) c->decRef();
+    EXPECT_EQ("", roundTrip(fds[1], "")) << "the last reference closes the connection";
+    EXPECT_EQ("200 on", roundTrip(fds[0], "on"));
+    for (int fd : fds) close(fd);
+}

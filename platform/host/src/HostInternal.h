@@ -11,8 +11,8 @@ namespace orvhost {
 // when poll itself failed or `timeoutMs` (-1: none) passed.
 short waitFor(int fd, short events, int timeoutMs = -1);
 
-// How long a reply may wait for a client to make room: one that never reads must not stall the
-// listener thread, which serves every client.
+// How long a reply on a non-blocking socket that no listener serves may wait for the peer to
+// make room (a listener's clients queue their replies instead).
 constexpr int kClientSendTimeoutMs = 1000;
 
 // Writes all `len` bytes, riding out EINTR and short writes.

@@ -13,7 +13,7 @@
 #include <sysutils/SocketListener.h>
 #include <unistd.h>
 
-#include <mutex>
+#include <algorithm>
 #include <vector>
 
 #include "HostInternal.h"
@@ -37,8 +37,13 @@ bool isLive(const sockaddr_un& addr, socklen_t addrLen) {
 
 }  // namespace
 
-SocketListener::SocketListener(const char* socketName, bool listen) : SocketListener(-1, listen) {
+SocketListener::SocketListener(const char* socketName, bool listen)
+    : SocketListener(socketName, listen, false) {}
+
+SocketListener::SocketListener(const char* socketName, bool listen, bool useCmdNum)
+    : SocketListener(-1, listen) {
     mSocketName = socketName;
+    mUseCmdNum = useCmdNum;
 }
 
 SocketListener::SocketListener(int socketFd, bool listen)
@@ -46,10 +51,13 @@ SocketListener::SocketListener(int socketFd, bool listen)
       mSocketName(nullptr),
       mSock(socketFd),
       mSockOwned(false),
+      mUseCmdNum(false),
       mSockIno(0),
       mCtrlPipe{-1, -1},
       mThread(),
-      mThreadStarted(false) {
+      mThreadStarted(false),
+      mSpareFd(-1),
+      mOutOfFds(false) {
     pthread_mutex_init(&mClientsLock, nullptr);
 }
 
@@ -74,7 +82,8 @@ int SocketListener::startListener(int backlog) {
         closeSocket();
         return -1;
     }
-    int err = pipe2(mCtrlPipe, O_CLOEXEC) != 0 ? errno : 0;
+    // Non-blocking: a client queueing a reply must never wait for the listener.
+    int err = pipe2(mCtrlPipe, O_CLOEXEC | O_NONBLOCK) != 0 ? errno : 0;
     if (err == 0) {
         err = pthread_create(&mThread, nullptr, threadStart, this);
         if (err != 0) closeCtrlPipe();
@@ -97,6 +106,8 @@ void SocketListener::closeCtrlPipe() {
 }
 
 void SocketListener::closeSocket() {
+    if (mSpareFd >= 0) close(mSpareFd);
+    mSpareFd = -1;
     if (mSockOwned && mSock >= 0) {
         close(mSock);
         mSock = -1;
@@ -129,7 +140,7 @@ int SocketListener::openSocket(int backlog) {
     }
     if (!mListen) {
         pthread_mutex_lock(&mClientsLock);
-        mClients.push_back(new SocketClient(mSock, false));
+        mClients.push_back(new SocketClient(mSock, false, mUseCmdNum));
         pthread_mutex_unlock(&mClientsLock);
         return 0;
     }
@@ -140,6 +151,7 @@ int SocketListener::openSocket(int backlog) {
     // The thread only accepts after poll; non-blocking keeps a lost race from stalling it.
     int flags = fcntl(mSock, F_GETFL);
     if (flags >= 0) fcntl(mSock, F_SETFL, flags | O_NONBLOCK);
+    mSpareFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     return 0;
 }
 
@@ -201,7 +213,8 @@ int SocketListener::stopListener() {
     ssize_t n;
     do {
         n = write(mCtrlPipe[1], &stop, 1);
-    } while (n < 0 && errno == EINTR);
+    } while (n < 0 &&
+             (errno == EINTR || (errno == EAGAIN && orvhost::waitFor(mCtrlPipe[1], POLLOUT) != 0)));
     if (n != 1) {
         ALOGE("cannot signal the listener thread (%s)", strerror(errno));
         return -1;
@@ -221,29 +234,56 @@ void* SocketListener::threadStart(void* obj) {
 
 void SocketListener::runListener() {
     std::vector<pollfd> fds;
+    std::vector<SocketClient*> polled;
     bool acceptPaused = false;
-    for (;;) {
+    for (bool stop = false; !stop;) {
         fds.clear();
+        polled.clear();
         fds.push_back({mCtrlPipe[0], POLLIN, 0});
         const bool pollListen = mListen && !acceptPaused;
         if (pollListen) fds.push_back({mSock, POLLIN, 0});
         const size_t firstClient = fds.size();
+        // Each polled client is held until the round ends, so a release from another thread
+        // cannot close a descriptor that this poll still watches.
         pthread_mutex_lock(&mClientsLock);
-        for (SocketClient* c : mClients) fds.push_back({c->getSocket(), POLLIN, 0});
+        for (SocketClient* c : mClients) {
+            c->incRef();
+            polled.push_back(c);
+            short events = POLLIN | (c->hasQueued() ? POLLOUT : 0);
+            fds.push_back({c->getSocket(), events, 0});
+        }
         pthread_mutex_unlock(&mClientsLock);
 
         int r = poll(fds.data(), fds.size(), acceptPaused ? kAcceptPauseMs : -1);
         acceptPaused = false;
-        if (r < 0) {
-            if (errno == EINTR) continue;
+        if (r < 0 && errno != EINTR) {
             ALOGE("poll failed (%s)", strerror(errno));
             poll(nullptr, 0, kAcceptPauseMs);
-            continue;
         }
-        if (fds[0].revents != 0) return;
-        if (pollListen && fds[1].revents != 0) acceptPaused = !acceptClient();
-        serveClients(fds.data() + firstClient, fds.size() - firstClient);
+        if (r > 0 && fds[0].revents != 0) {
+            char cmds[64];
+            for (ssize_t n; (n = read(mCtrlPipe[0], cmds, sizeof(cmds))) > 0;)
+                stop = stop || memchr(cmds, 'S', static_cast<size_t>(n)) != nullptr;
+        }
+        if (r > 0 && !stop) {
+            if (pollListen && fds[1].revents != 0) acceptPaused = !acceptClient();
+            for (size_t i = 0; i < polled.size(); ++i)
+                serveClient(polled[i], fds[firstClient + i].revents);
+        }
+        for (SocketClient* c : polled) c->decRef();
     }
+}
+
+void SocketListener::serveClient(SocketClient* c, short ev) {
+    if ((ev & POLLOUT) && !c->flushQueued() && !(ev & POLLIN)) {
+        release(c, false);
+        return;
+    }
+    if (!(ev & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) || !isClient(c)) return;
+    if (onDataAvailable(c)) return;
+    // The socket given in non-listen mode is not a connection: it stays unless it is dead.
+    if (!mListen && !(ev & (POLLHUP | POLLERR | POLLNVAL))) return;
+    release(c, false);
 }
 
 bool SocketListener::acceptClient() {
@@ -260,40 +300,103 @@ bool SocketListener::acceptClient() {
                 case EWOULDBLOCK:
 #endif
                     return true;
+                case EMFILE:
+                case ENFILE:
+                    // accept reports these before it looks for a waiting connection.
+                    switch (refuseClient()) {
+                        case 1:
+                            continue;
+                        case 0:
+                            return true;
+                        default:
+                            return false;
+                    }
                 default:
                     ALOGE("accept failed (%s)", strerror(errno));
                     return false;
             }
         }
-        // Blocking sends give up after a while instead of stalling every client.
-        timeval tv = {orvhost::kClientSendTimeoutMs / 1000,
-                      (orvhost::kClientSendTimeoutMs % 1000) * 1000};
-        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
-        SocketClient* c = new SocketClient(fd, true);
+        if (mOutOfFds) {
+            mOutOfFds = false;
+            ALOGI("accepting clients again");
+        }
+        SocketClient* c = new SocketClient(fd, true, mUseCmdNum);
+        c->mQueueing = true;
+        c->mWakeFd = mCtrlPipe[1];
         pthread_mutex_lock(&mClientsLock);
         mClients.push_back(c);
         pthread_mutex_unlock(&mClientsLock);
     }
 }
 
-// `fds` matches the front of mClients: only this thread adds or removes clients, and new ones
-// go to the back.
-void SocketListener::serveClients(const pollfd* fds, size_t count) {
-    pthread_mutex_lock(&mClientsLock);
-    std::vector<SocketClient*> polled(mClients.begin(), mClients.end());
-    pthread_mutex_unlock(&mClientsLock);
-    for (size_t i = 0; i < count && i < polled.size(); ++i) {
-        const short ev = fds[i].revents;
-        if (ev == 0) continue;
-        SocketClient* c = polled[i];
-        if (onDataAvailable(c)) continue;
-        // The socket given in non-listen mode is not a connection: it stays unless it is dead.
-        if (!mListen && !(ev & (POLLHUP | POLLERR | POLLNVAL))) continue;
-        pthread_mutex_lock(&mClientsLock);
-        mClients.remove(c);
-        pthread_mutex_unlock(&mClientsLock);
-        delete c;
+// Out of descriptors: the spare one makes room to take the waiting connection and close it, so
+// the listening socket is not ready again at once. 1: one refused, 0: none was waiting, -1: not
+// even that was possible.
+int SocketListener::refuseClient() {
+    if (!mOutOfFds) {
+        mOutOfFds = true;
+        ALOGE("accept failed (%s): refusing clients until a descriptor is free", strerror(errno));
     }
+    if (mSpareFd < 0) mSpareFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (mSpareFd < 0) return -1;
+    close(mSpareFd);
+    int fd = accept4(mSock, nullptr, nullptr, SOCK_CLOEXEC);
+    const int result = fd >= 0 ? 1 : (errno == EAGAIN || errno == EWOULDBLOCK) ? 0 : -1;
+    if (fd >= 0) close(fd);
+    mSpareFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    return result;
+}
+
+bool SocketListener::isClient(SocketClient* c) {
+    pthread_mutex_lock(&mClientsLock);
+    bool found = std::find(mClients.begin(), mClients.end(), c) != mClients.end();
+    pthread_mutex_unlock(&mClientsLock);
+    return found;
+}
+
+bool SocketListener::release(SocketClient* c, bool wakeup) {
+    pthread_mutex_lock(&mClientsLock);
+    auto it = std::find(mClients.begin(), mClients.end(), c);
+    const bool found = it != mClients.end();
+    if (found) mClients.erase(it);
+    pthread_mutex_unlock(&mClientsLock);
+    if (!found) return false;
+    if (wakeup) wakeUp();
+    c->detach();
+    c->decRef();
+    return true;
+}
+
+void SocketListener::wakeUp() {
+    if (!mThreadStarted) return;
+    char wake = 'W';
+    (void)!write(mCtrlPipe[1], &wake, 1);
+}
+
+// The clients, each held until `fn` is done with it; no lock is held while it runs.
+template <typename Fn>
+static void forEachClient(pthread_mutex_t* lock, const std::list<SocketClient*>& clients, Fn fn) {
+    pthread_mutex_lock(lock);
+    std::vector<SocketClient*> held(clients.begin(), clients.end());
+    for (SocketClient* c : held) c->incRef();
+    pthread_mutex_unlock(lock);
+    for (SocketClient* c : held) {
+        fn(c);
+        c->decRef();
+    }
+}
+
+void SocketListener::sendBroadcast(int code, const char* msg, bool addErrno) {
+    const int callerErrno = errno;
+    forEachClient(&mClientsLock, mClients, [&](SocketClient* c) {
+        errno = callerErrno;
+        if (c->sendMsg(code, msg, addErrno, false) != 0) release(c, true);
+    });
+}
+
+void SocketListener::runOnEachSocket(SocketClientCommand* command) {
+    forEachClient(&mClientsLock, mClients,
+                  [command](SocketClient* c) { command->runSocketCommand(c); });
 }
 
 void SocketListener::releaseClients() {
@@ -301,5 +404,8 @@ void SocketListener::releaseClients() {
     std::list<SocketClient*> clients;
     clients.swap(mClients);
     pthread_mutex_unlock(&mClientsLock);
-    for (SocketClient* c : clients) delete c;
+    for (SocketClient* c : clients) {
+        c->detach();
+        c->decRef();
+    }
 }

@@ -52,6 +52,14 @@ bool finishInterruptedConnect(int fd) {
     return true;
 }
 
+// The same name, or two names of one file (the root may be spelt differently).
+bool samePath(const std::string& a, const std::string& b) {
+    if (a == b) return true;
+    struct stat sa, sb;
+    return lstat(a.c_str(), &sa) == 0 && lstat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
+           sa.st_ino == sb.st_ino;
+}
+
 }  // namespace
 
 extern "C" int android_get_control_socket(const char* name) {
@@ -63,8 +71,16 @@ extern "C" int android_get_control_socket(const char* name) {
     char* end = nullptr;
     long fd = strtol(val, &end, 10);
     if (errno != 0 || *end != '\0' || fd < 0 || fd > INT_MAX) return -1;
-    struct stat st;
-    if (fstat(static_cast<int>(fd), &st) != 0 || !S_ISSOCK(st.st_mode)) return -1;
+    // As on the device, only a socket bound at the reserved directory under its own name counts.
+    sockaddr_un addr;
+    socklen_t len = sizeof(addr);
+    if (getsockname(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&addr), &len) != 0 ||
+        addr.sun_family != AF_UNIX || len <= offsetof(sockaddr_un, sun_path))
+        return -1;
+    const size_t pathMax = len - offsetof(sockaddr_un, sun_path);
+    const std::string bound(addr.sun_path, strnlen(addr.sun_path, pathMax));
+    const std::string reserved = orvhost_path(ANDROID_SOCKET_DIR "/") + name;
+    if (bound.empty() || !samePath(bound, reserved)) return -1;
     return static_cast<int>(fd);
 }
 
