@@ -98,6 +98,11 @@ TEST(OrvPolicy, EachKindOfFinding) {
         {"null parameter", withRun("", R"(,"com.b":{"param":{"large_heap":null}})"), 0,
          "warning: com.b.param.large_heap: null counts as absent"},
         {"method without method", withRun(R"({"path":"/f"})"), 1, "no \"method\""},
+        {"ioctl in a frequent state, through a group",
+         R"({"parser":"v1.0","version":"v1","policy_group":{"g":[{"method":"orv_ioctl","path":"/d",
+             "cmd":1,"value":"1"}]},"applications":{"com.a":{"action":{"gesture_tap":{"on_enter":[
+             {"method":"group","path":"g"}]}}}}})",
+         0, "warning: com.a.action.gesture_tap.on_enter: runs an ioctl in a state entered often"},
         {"set not an array", withRun("", R"(,"com.b":{"action":{"run":{"policy":{}}}})"), 1,
          "error: com.b.action.run.policy: an action set must be an array"},
     };

@@ -202,7 +202,8 @@ bool OrvCtlCommand::parse(const std::vector<std::string>& w, bool inTrace, OrvCt
 }
 
 const char* OrvCtlCommand::usage() {
-    return "usage: orvctl [--socket PATH] [--timeout MS] COMMAND [ARGS]\n"
+    return "usage: orvctl [--socket PATH] [--timeout MS] [--wait[=MS]] [--log FILE] COMMAND "
+           "[ARGS]\n"
            "\n"
            "Daemon state:\n"
            "  dump                                  print orvd's state dump\n"
@@ -221,7 +222,8 @@ const char* OrvCtlCommand::usage() {
            "  sleep | wake                          screen goes off or on\n"
            "  timeout                               a gesture time-out, as the daemon's timer "
            "sends\n"
-           "  update PATH                           a new policy file is ready at PATH\n"
+           "  update PATH                           a new policy file is ready at PATH: checked\n"
+           "                                        first, confirmed after (--log helps)\n"
            "Queries (the answer is printed):\n"
            "  event-mask APP | event-mask --pid PID\n"
            "  large-heap PID | heap-utilization PID | hw-accel PID\n"
@@ -235,8 +237,11 @@ const char* OrvCtlCommand::usage() {
            "Options:\n"
            "  --socket PATH   connect to PATH instead of the reserved socket \"orvd\"\n"
            "  --timeout MS    how long to wait for a reply (default 2000)\n"
+           "  --wait[=MS]     wait up to MS (default 5000) for orvd to accept connections\n"
+           "  --log FILE      orvd's log (its standard error on a host), for update\n"
+           "  --version       print the version\n"
            "  --help          this text\n"
            "\n"
            "Exit status: 0 ok, 1 usage or trace error, 2 orvd not reachable, 3 no reply in time,\n"
-           "4 property refused or trace file unreadable.\n";
+           "4 property refused, trace file unreadable or policy update refused.\n";
 }

@@ -10,10 +10,12 @@
 #include <fstream>
 #include <random>
 
+#include "daemon/core/OrvVersion.h"
+#include "tools/codec/OrvPolicyDocument.h"
 #include "tools/codec/OrvPolicyEncoder.h"
 #include "tools/orvpolicy/OrvPolicyChecker.h"
-#include "tools/orvpolicy/OrvPolicyDocument.h"
 #include "tools/orvpolicy/OrvPolicyInfo.h"
+#include "tools/orvpolicy/OrvPolicySimulate.h"
 
 namespace {
 
@@ -22,6 +24,9 @@ const char* kUsage =
     "       orvpolicy info FILE...             versions, protection, counts\n"
     "       orvpolicy protect IN OUT [--seed N]  write IN as a protected policy file\n"
     "       orvpolicy unprotect IN OUT         decode and verify a protected file\n"
+    "       orvpolicy simulate POLICY TRACE [--json] [--strict-paths]\n"
+    "                                          what orvd would do with a session trace\n"
+    "       orvpolicy --version\n"
     "Exit status: 0 clean (warnings allowed), 1 errors found or the operation failed,\n"
     "2 a file could not be read.\n";
 
@@ -59,11 +64,16 @@ int OrvPolicyApp::run(int argc, char** argv) {
         return argc < 2 ? EXIT_FINDINGS : EXIT_OK;
     }
     std::string cmd = argv[1];
+    if (cmd == "--version") {
+        printf("orvpolicy %s\n", ORV_VERSION);
+        return EXIT_OK;
+    }
     std::vector<std::string> args(argv + 2, argv + argc);
     if (cmd == "check" && !args.empty()) return check(args);
     if (cmd == "info" && !args.empty()) return info(args);
     if (cmd == "protect") return protect(args);
     if (cmd == "unprotect") return unprotect(args);
+    if (cmd == "simulate") return OrvPolicySimulate().run(args);
     fprintf(stderr, "orvpolicy: bad command line\n%s", kUsage);
     return EXIT_FINDINGS;
 }

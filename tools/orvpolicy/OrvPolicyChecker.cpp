@@ -18,6 +18,12 @@ bool isGestureState(const std::string& s) {
     return s.compare(0, 8, "gesture_") == 0;
 }
 
+// States the framework reports many times a minute.
+bool isFrequentState(const std::string& s) {
+    return isGestureState(s) || s == "listview_scroll" || s == "listview_fling" || s == "scale" ||
+           s == "rotate";
+}
+
 std::string fmt(float v) {
     std::ostringstream os;
     os << v;
@@ -166,9 +172,15 @@ void OrvPolicyChecker::checkApplication(const std::string& name, const Json::Val
             continue;
         }
         for (const auto& key : sets.getMemberNames()) {
-            if (key == "on_enter" || key == "on_exit" || key == "policy")
+            if (key == "on_enter" || key == "on_exit" || key == "policy") {
                 checkSet(stateLoc + "." + key, sets[key]);
-            else
+                std::set<std::string> seen;
+                if (isFrequentState(state) && usesIoctl(sets[key], seen))
+                    mReport.warning(stateLoc + "." + key,
+                                    "runs an ioctl in a state entered often: each execution "
+                                    "opens the node again and orvd keeps that descriptor open "
+                                    "for the rest of its life");
+            } else
                 mReport.warning(stateLoc + "." + key,
                                 "unknown set key (on_enter, on_exit or policy); never run");
         }
@@ -315,6 +327,22 @@ void OrvPolicyChecker::checkGroupCycles() {
     };
     for (const auto& name : groups.getMemberNames())
         if (mark[name] == 0) visit(name);
+}
+
+bool OrvPolicyChecker::usesIoctl(const Json::Value& set, std::set<std::string>& seenGroups) {
+    if (!set.isArray()) return false;
+    const Json::Value& groups = mRoot["policy_group"];
+    for (const auto& m : set) {
+        if (!m.isObject() || !m["method"].isString()) continue;
+        const std::string method = m["method"].asString();
+        if (method == "ioctl" || method == "orv_ioctl") return true;
+        if (method != "group" || !m["path"].isString() || !groups.isObject()) continue;
+        const std::string name = m["path"].asString();
+        if (seenGroups.insert(name).second && groups.isMember(name) &&
+            usesIoctl(groups[name], seenGroups))
+            return true;
+    }
+    return false;
 }
 
 void OrvPolicyChecker::checkSet(const std::string& loc, const Json::Value& set) {

@@ -30,6 +30,8 @@ class OrvPolicyChecker {
     void checkReferenceCycles(const char* section);
     void checkGroupCycles();
     void checkSet(const std::string& loc, const Json::Value& set);
+    // Whether running `set` issues an ioctl, through groups too (each group looked at once).
+    bool usesIoctl(const Json::Value& set, std::set<std::string>& seenGroups);
     void checkMethod(const std::string& loc, const Json::Value& m);
 
     const Json::Value& mRoot;
