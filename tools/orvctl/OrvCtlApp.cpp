@@ -7,8 +7,10 @@
 #include <time.h>
 
 #include "daemon/core/OrvVersion.h"
+#include "tools/orvctl/OrvCtlMonitor.h"
 #include "tools/orvctl/OrvCtlTrace.h"
 #include "tools/orvctl/OrvCtlUpdate.h"
+#include "tools/orvctl/OrvCtlVerify.h"
 
 namespace {
 
@@ -82,6 +84,8 @@ int OrvCtlApp::run(int argc, char** argv) {
     const std::string name = argv[i];
     const std::vector<std::string> rest(argv + i + 1, argv + argc);
     if (name == "update") return OrvCtlUpdate(*this).run(rest);
+    if (name == "verify") return OrvCtlVerify(*this).run(rest);
+    if (name == "monitor") return OrvCtlMonitor(*this).run(rest);
     std::vector<std::string> words(argv + i, argv + argc);
     OrvCtlCommand cmd;
     std::string error;
