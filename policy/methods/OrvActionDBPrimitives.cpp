@@ -1,5 +1,7 @@
 #define LOG_TAG "OrvActionManager"
+#define ATRACE_TAG ATRACE_TAG_POWER
 #include <cutils/properties.h>
+#include <cutils/trace.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdint.h>
@@ -12,6 +14,22 @@
 #include "policy/OrvActionDB.h"
 #include "policy/methods/OrvDevice.h"
 #include "policy/methods/OrvIoctlCfg.h"
+
+// A counter per node or property holding what was written, beside the scheduler in a capture.
+// Counters are numbers: a text value shows as an instant slice "NAME=VALUE" instead.
+static void traceValue(const char* name, const char* value) {
+    if (!ATRACE_ENABLED()) return;
+    char* end = nullptr;
+    errno = 0;
+    long number = strtol(value, &end, 10);
+    if (*value != '\0' && *end == '\0' && errno == 0 && number >= INT32_MIN && number <= INT32_MAX) {
+        ATRACE_INT(name, static_cast<int32_t>(number));
+        return;
+    }
+    std::string text = std::string(name) + "=" + value;
+    ATRACE_BEGIN(text.c_str());
+    ATRACE_END();
+}
 
 int OrvActionDB::getSystemProperty(const char* name, std::string& out) {
     char value[PROPERTY_VALUE_MAX + 1] = {};
@@ -31,6 +49,7 @@ int OrvActionDB::getSystemProperty(const char* name, std::string& out) {
 
 void OrvActionDB::setSystemProperty(const char* name, const char* value) {
     int ret = OrvDevice::get().propertySet(name, value);
+    if (ret >= 0) traceValue(name, value);
     if (ret < 0) {
         ALOGE("failed to set system property %s:%s.(ret=%d) @%s", name, value, ret,
               getCurActionInfoStr().c_str());
@@ -83,7 +102,10 @@ int OrvActionDB::writeFile(const char* path, const char* text) {
     } while (n < 0 && errno == EINTR);
     int err = errno;
     device.close(fd);
-    if (n >= 0) return 0;
+    if (n >= 0) {
+        traceValue(path, text);
+        return 0;
+    }
     ALOGE("write \"%s\" failed (errno=%d) @%s", path, err, getCurActionInfoStr().c_str());
     return -1;
 }
