@@ -3,6 +3,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <functional>
 #include <sstream>
 
@@ -24,6 +25,30 @@ bool isFrequentState(const std::string& s) {
            s == "rotate";
 }
 
+// The edit distance of two short names.
+size_t distance(const std::string& a, const std::string& b) {
+    std::vector<size_t> row(b.size() + 1);
+    for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
+    for (size_t i = 1; i <= a.size(); ++i) {
+        size_t diagonal = row[0];
+        row[0] = i;
+        for (size_t j = 1; j <= b.size(); ++j) {
+            size_t up = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1])});
+            diagonal = up;
+        }
+    }
+    return row[b.size()];
+}
+
+const std::vector<std::string> kStateNames = {"reset",          "launch",
+                                              "start",          "run",
+                                              "scale",          "listview_scroll",
+                                              "listview_fling", "rotate",
+                                              "gesture_down",   "gesture_press",
+                                              "gesture_tap",    "gesture_scroll",
+                                              "gesture_fling",  "gesture_long_press"};
+
 std::string fmt(float v) {
     std::ostringstream os;
     os << v;
@@ -39,14 +64,21 @@ float OrvPolicyChecker::parseVersion(const std::string& text) {
 }
 
 bool OrvPolicyChecker::isStateName(const std::string& name) {
-    static const std::set<std::string> names = {"reset",          "launch",
-                                                "start",          "run",
-                                                "scale",          "listview_scroll",
-                                                "listview_fling", "rotate",
-                                                "gesture_down",   "gesture_press",
-                                                "gesture_tap",    "gesture_scroll",
-                                                "gesture_fling",  "gesture_long_press"};
-    return names.count(name) > 0;
+    return std::find(kStateNames.begin(), kStateNames.end(), name) != kStateNames.end();
+}
+
+std::string OrvPolicyChecker::suggest(const std::string& word,
+                                      const std::vector<std::string>& names) {
+    std::string best;
+    size_t bestDistance = word.size() / 3 + 2;  // further than this is no typo
+    for (const auto& n : names) {
+        size_t d = distance(word, n);
+        if (d < bestDistance) {
+            bestDistance = d;
+            best = n;
+        }
+    }
+    return best.empty() ? "" : " (did you mean " + best + "?)";
 }
 
 void OrvPolicyChecker::run() {
@@ -57,7 +89,9 @@ void OrvPolicyChecker::run() {
     for (const auto& key : mRoot.getMemberNames())
         if (key != "parser" && key != "version" && key != "applications" && key != "default" &&
             key != "policy_group")
-            mReport.warning(key, "unknown top-level key, never read");
+            mReport.warning(key, "unknown top-level key, never read" +
+                                     suggest(key, {"parser", "version", "applications", "default",
+                                                   "policy_group"}));
     checkVersion("parser", true);
     checkVersion("version", false);
 
@@ -104,6 +138,15 @@ void OrvPolicyChecker::run() {
             mCheckedGroups.insert(name);
             checkSet("policy_group." + name, groups[name]);
         }
+    }
+    // A mistake inside a group is one mistake wherever the group runs: name its definition.
+    for (auto& f : mReport.findings()) {
+        const std::string group = OrvPolicyReport::groupOf(f.location);
+        if (group.empty()) continue;
+        f.location = OrvPolicyReport::documentPath(f.location, mRoot);
+        std::string uses;
+        for (const auto& u : mGroupUses[group]) uses += (uses.empty() ? "" : ", ") + u;
+        f.message += " (the group runs from " + uses + ")";
     }
 }
 
@@ -159,7 +202,7 @@ void OrvPolicyChecker::checkApplication(const std::string& name, const Json::Val
             continue;
         }
         if (!isStateName(state)) {
-            mReport.warning(stateLoc, "unknown state, never entered");
+            mReport.warning(stateLoc, "unknown state, never entered" + suggest(state, kStateNames));
             continue;
         }
         if (state == "reset" && !name.empty())
@@ -182,7 +225,8 @@ void OrvPolicyChecker::checkApplication(const std::string& name, const Json::Val
                                     "for the rest of its life");
             } else
                 mReport.warning(stateLoc + "." + key,
-                                "unknown set key (on_enter, on_exit or policy); never run");
+                                "unknown set key (on_enter, on_exit or policy); never run" +
+                                    suggest(key, {"on_enter", "on_exit", "policy"}));
         }
     }
 }
@@ -384,6 +428,7 @@ void OrvPolicyChecker::checkMethod(const std::string& loc, const Json::Value& m)
         return;
     }
     std::string group = path.asString();
+    mGroupUses[group].push_back(loc);
     const Json::Value& groups = mRoot["policy_group"];
     if (!groups.isObject() || !groups.isMember(group) || groups[group].isNull()) {
         mReport.error(loc, "policy_group " + quoted(group) +

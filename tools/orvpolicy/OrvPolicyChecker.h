@@ -21,6 +21,8 @@ class OrvPolicyChecker {
     static float parseVersion(const std::string& text);
     // The state names of the scenario machine, which are the keys under "action".
     static bool isStateName(const std::string& name);
+    // " (did you mean X?)" for the name among `names` that `word` is a likely typo of.
+    static std::string suggest(const std::string& word, const std::vector<std::string>& names);
 
   private:
     void checkVersion(const char* key, bool isParser);
@@ -38,4 +40,5 @@ class OrvPolicyChecker {
     OrvPolicyReport& mReport;
     OrvPolicyMethodChecker mMethods;
     std::set<std::string> mCheckedGroups;
+    std::map<std::string, std::vector<std::string>> mGroupUses;  // group to the methods that run it
 };
