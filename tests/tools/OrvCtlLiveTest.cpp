@@ -27,7 +27,7 @@ TEST(OrvCtlVerify, FindsWhatChangedBehindOrvdsBack) {
     ToolResult r;
     EXPECT_TRUE(eventually([&] { return (r = runTool(root, "orvctl", "verify")).status == 0; }))
         << r.out << r.err;
-    EXPECT_EQ(r.out, "7 values as the policy wants them for com.android.chrome in run\n");
+    EXPECT_EQ(r.out, "8 values as the policy wants them for com.android.chrome in run\n");
 
     root.write(kGpu, "7");
     ASSERT_EQ(runTool(root, "orvctl", "setprop vendor.orv.profile game").status, 0);
@@ -37,7 +37,7 @@ TEST(OrvCtlVerify, FindsWhatChangedBehindOrvdsBack) {
                          ": the policy wants \"300\", the device has \"7\"\n"
                          "prop vendor.orv.profile: the policy wants \"browse\", the device has "
                          "\"game\"\n"
-                         "2 of 7 values differ from the policy for com.android.chrome in run\n");
+                         "2 of 8 values differ from the policy for com.android.chrome in run\n");
 }
 
 TEST(OrvCtlMonitor, ShowsEventsMovesEffectsAndFailures) {
@@ -57,7 +57,7 @@ TEST(OrvCtlMonitor, ShowsEventsMovesEffectsAndFailures) {
              " event   onStart(name=com.android.chrome, pid=7, glTid=-1)\n",
              " switch  reset -> start com.android.chrome\n",
              " state   start com.android.chrome -> run com.android.chrome\n",
-             "   run   com.android.chrome.action.run.policy[0]browse_profile[3]prop:{path:"
+             "   run   com.android.chrome.action.run.policy[0]browse_profile[4]prop:{path:"
              "vendor.orv.profile value:browse}\n",
              " FAILED  cannot open \"" + root / "dev/cpuctl/top-app/cgroup.procs",
              " event   onTimeout()\n",

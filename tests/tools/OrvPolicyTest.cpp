@@ -105,6 +105,13 @@ TEST(OrvPolicy, EachKindOfFinding) {
              "cmd":1,"value":"1"}]},"applications":{"com.a":{"action":{"gesture_tap":{"on_enter":[
              {"method":"group","path":"g"}]}}}}})",
          0, "warning: com.a.action.gesture_tap.on_enter: runs an ioctl in a state entered often"},
+        {"boost never taken back",
+         R"({"parser":"v1.0","version":"v1","policy_group":{"boost":[{"method":"xfs","path":"/f",
+             "type":"int","value":1}]},"applications":{"com.a":{"action":{
+             "gesture_tap":{"on_enter":[{"method":"group","path":"boost"}]},"run":{"policy":[]}}}}})",
+         0,
+         "warning: com.a.action.gesture_tap.on_enter: writes xfs /f and nothing sets it back: "
+         "neither com.a.action.gesture_tap.on_exit nor com.a.action.run writes it"},
         {"set not an array", withRun("", R"(,"com.b":{"action":{"run":{"policy":{}}}})"), 1,
          "error: com.b.action.run.policy: an action set must be an array"},
     };

@@ -7,6 +7,8 @@
 #include <functional>
 #include <sstream>
 
+#include "tools/orvpolicy/OrvPolicyRestore.h"
+
 namespace {
 
 const float kParserVersion = 1.0f;
@@ -129,6 +131,7 @@ void OrvPolicyChecker::run() {
         for (const auto& name : apps.getMemberNames()) checkApplication(name, apps[name]);
         checkReferenceCycles("action");
         checkReferenceCycles("param");
+        OrvPolicyRestore(mRoot, mReport).run();
     }
 
     if (groups.isObject()) {
