@@ -64,6 +64,8 @@ OrvSimulator::OrvSimulator(bool strictPaths)
 
 OrvSimulator::~OrvSimulator() {
     if (mStarted) drain();
+    // The action thread is idle now and the manager runs nothing more as it goes.
+    OrvDevice::install(nullptr);
     delete mClient;
     for (int fd : mReplyFds)
         if (fd >= 0) close(fd);
