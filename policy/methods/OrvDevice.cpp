@@ -44,9 +44,10 @@ bool OrvDevice::divertProgram(const char*, const char*) {
 }
 
 OrvDevice& OrvDevice::get() {
-    static OrvDevice real;
+    // Never destroyed: the action thread may still run methods while exit() tears statics down.
+    static OrvDevice* real = new OrvDevice;
     OrvDevice* device = sInstalled.load(std::memory_order_acquire);
-    return device ? *device : real;
+    return device ? *device : *real;
 }
 
 void OrvDevice::install(OrvDevice* device) {
