@@ -124,15 +124,16 @@ int OrvPolicySimulate::run(const std::vector<std::string>& args) {
         } else if (a == "--strict-paths") {
             strict = true;
         } else if (a.compare(0, 2, "--") == 0) {
-            fprintf(stderr, "orvpolicy: simulate: unknown option %s\n", a.c_str());
-            return 1;
+            fprintf(stderr, "orvpolicy: simulate: unknown option %s (see orvpolicy --help)\n",
+                    a.c_str());
+            return 3;
         } else {
             files.push_back(a);
         }
     }
     if (files.size() != 2) {
         fprintf(stderr, "orvpolicy: usage: simulate POLICY TRACE [--json] [--strict-paths]\n");
-        return 1;
+        return 3;
     }
     std::vector<OrvCtlTrace::Step> trace;
     std::vector<std::string> errors;

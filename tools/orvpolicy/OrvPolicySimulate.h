@@ -7,7 +7,8 @@
 
 class OrvPolicySimulate {
   public:
-    // Exit status as orvpolicy's: 0 done, 1 the policy or trace is refused, 2 unreadable.
+    // Exit status as orvpolicy's: 0 done, 1 the policy or trace is refused, 2 unreadable,
+    // 3 usage error.
     int run(const std::vector<std::string>& args);
 
     static std::string formatText(const OrvSimulator::Step& step, int number);
