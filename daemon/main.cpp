@@ -2,12 +2,14 @@
 #include <errno.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
 
 #include "daemon/Orvello.h"
 #include "daemon/core/OrvLog.h"
+#include "daemon/core/OrvVersion.h"
 
 namespace {
 
@@ -59,7 +61,12 @@ void block_here() {
     }
 }
 
-int main() {
+int main(int argc, char** argv) {
+    // The only argument orvd knows; anything else is ignored as before.
+    if (argc == 2 && strcmp(argv[1], "--version") == 0) {
+        printf("orvd %s\n", ORV_VERSION);
+        return 0;
+    }
     ALOGI("start");
     raiseDescriptorLimit();
     OrvLogUpdateToggle();

@@ -1,4 +1,6 @@
 #define LOG_TAG "OrvActionManager"
+#define ATRACE_TAG ATRACE_TAG_POWER
+#include <cutils/trace.h>
 #include <string.h>
 
 #include "daemon/core/OrvLog.h"
@@ -30,7 +32,11 @@ int OrvJsonActionDB::runTrackedSet(OrvAction* action, const char* key, Json::Val
     setCurActionSet(action, key, reference ? reference->asString() : std::string());
     if (set != nullptr) {
         ORV_LOGD("fetch %s", getCurActionInfoStr().c_str());
+        // A slice per action set on the action thread, named by its location.
+        const bool traced = ATRACE_ENABLED() != 0;
+        if (traced) ATRACE_BEGIN(getCurActionInfoStr().c_str());
         doActions(*set, action, dir);
+        if (traced) ATRACE_END();
         setLastActionSet(last);
     } else {
         ORV_LOGD("nop (no define or reference: %s)", getCurActionInfoStr().c_str());

@@ -10,6 +10,7 @@
 #include "daemon/core/OrvLog.h"
 #include "policy/OrvActionManager.h"
 #include "protocol/OrvMsgHandler.h"
+#include "protocol/OrvMsgTrace.h"
 #include "scenario/OrvContext.h"
 
 namespace {
@@ -86,6 +87,7 @@ class Fields {
 }  // namespace
 
 void OrvMsgHandler::consumeMsg(int code, const char* payload, SocketClient* client) {
+    OrvMsgTrace trace(code, payload);
     Fields f(payload);
     switch (code) {
         case PROCESS_START: {

@@ -26,6 +26,7 @@ void OrvTimer::set(int ms) {
     pthread_mutex_lock(&mLock);
     ORV_LOGD("set timer(%d ms)", ms);
     mPeriod = ms < 0 ? 0 : ms;
+    if (mPeriod > 0) ++mArms;
     pthread_cond_signal(&mCond);
     pthread_mutex_unlock(&mLock);
 }
@@ -43,6 +44,13 @@ void OrvTimer::reset() {
 void OrvTimer::setTimeoutWork(OrvWork* work) {
     pthread_mutex_lock(&mLock);
     mWork = work;
+    pthread_mutex_unlock(&mLock);
+}
+
+void OrvTimer::peek(int& periodMs, unsigned& arms) {
+    pthread_mutex_lock(&mLock);
+    periodMs = mPeriod;
+    arms = mArms;
     pthread_mutex_unlock(&mLock);
 }
 

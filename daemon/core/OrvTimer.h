@@ -15,6 +15,9 @@ class OrvTimer : public Thread {
     void set(int ms);  // arm, or re-arm from now; <= 0 disarms
     void reset();
     void setTimeoutWork(OrvWork* work);
+    // For a simulation that keeps time itself: the armed period (0: none) and how many times
+    // the timer has been armed so far.
+    void peek(int& periodMs, unsigned& arms);
 
   private:
     OrvTimer();
@@ -24,5 +27,6 @@ class OrvTimer : public Thread {
     pthread_mutex_t mLock;
     pthread_cond_t mCond;
     int mPeriod;  // ms, 0 = not armed
+    unsigned mArms = 0;
     OrvWork* mWork;
 };

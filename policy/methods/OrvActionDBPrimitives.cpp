@@ -1,5 +1,7 @@
 #define LOG_TAG "OrvActionManager"
+#define ATRACE_TAG ATRACE_TAG_POWER
 #include <cutils/properties.h>
+#include <cutils/trace.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdint.h>
@@ -10,11 +12,28 @@
 
 #include "daemon/core/OrvLog.h"
 #include "policy/OrvActionDB.h"
+#include "policy/methods/OrvDevice.h"
 #include "policy/methods/OrvIoctlCfg.h"
+
+// A counter per node or property holding what was written, beside the scheduler in a capture.
+// Counters are numbers: a text value shows as an instant slice "NAME=VALUE" instead.
+static void traceValue(const char* name, const char* value) {
+    if (!ATRACE_ENABLED()) return;
+    char* end = nullptr;
+    errno = 0;
+    long number = strtol(value, &end, 10);
+    if (*value != '\0' && *end == '\0' && errno == 0 && number >= INT32_MIN && number <= INT32_MAX) {
+        ATRACE_INT(name, static_cast<int32_t>(number));
+        return;
+    }
+    std::string text = std::string(name) + "=" + value;
+    ATRACE_BEGIN(text.c_str());
+    ATRACE_END();
+}
 
 int OrvActionDB::getSystemProperty(const char* name, std::string& out) {
     char value[PROPERTY_VALUE_MAX + 1] = {};
-    int ret = property_get(name, value, nullptr);
+    int ret = OrvDevice::get().propertyGet(name, value);
     if (ret < 1) {
         ALOGE("failed to get system property %s or value is .(ret = %d) @%s", name, ret,
               getCurActionInfoStr().c_str());
@@ -29,7 +48,8 @@ int OrvActionDB::getSystemProperty(const char* name, std::string& out) {
 }
 
 void OrvActionDB::setSystemProperty(const char* name, const char* value) {
-    int ret = property_set(name, value);
+    int ret = OrvDevice::get().propertySet(name, value);
+    if (ret >= 0) traceValue(name, value);
     if (ret < 0) {
         ALOGE("failed to set system property %s:%s.(ret=%d) @%s", name, value, ret,
               getCurActionInfoStr().c_str());
@@ -40,18 +60,19 @@ void OrvActionDB::setSystemProperty(const char* name, const char* value) {
 
 int OrvActionDB::readFile(const char* path, char* buffer, int capacity) {
     if (capacity < 2) return -1;
-    int fd = open(path, O_RDONLY);
+    OrvDevice& device = OrvDevice::get();
+    int fd = device.open(path, O_RDONLY);
     if (fd < 0) return -1;
-    ssize_t n = read(fd, buffer, capacity - 1);
+    ssize_t n = device.read(fd, buffer, capacity - 1);
     if (n <= 0) {
-        close(fd);
+        device.close(fd);
         return -1;
     }
     buffer[n] = '\0';
     if (buffer[n - 1] == '\n') {
         buffer[--n] = '\0';
     }
-    close(fd);
+    device.close(fd);
     return static_cast<int>(n);
 }
 
@@ -67,7 +88,8 @@ int OrvActionDB::readFile(const char* path, std::string& out) {
 }
 
 int OrvActionDB::writeFile(const char* path, const char* text) {
-    int fd = open(path, O_WRONLY, 0622);
+    OrvDevice& device = OrvDevice::get();
+    int fd = device.open(path, O_WRONLY);
     if (fd < 0) {
         int err = errno;
         ALOGE("cannot open \"%s\" (errno=%d) @%s", path, err, getCurActionInfoStr().c_str());
@@ -76,16 +98,20 @@ int OrvActionDB::writeFile(const char* path, const char* text) {
     size_t len = strlen(text);
     ssize_t n;
     do {
-        n = write(fd, text, len);
+        n = device.write(fd, text, len);
     } while (n < 0 && errno == EINTR);
     int err = errno;
-    close(fd);
-    if (n >= 0) return 0;
+    device.close(fd);
+    if (n >= 0) {
+        traceValue(path, text);
+        return 0;
+    }
     ALOGE("write \"%s\" failed (errno=%d) @%s", path, err, getCurActionInfoStr().c_str());
     return -1;
 }
 
 void OrvActionDB::shell(const char* program, const char* arguments) {
+    if (OrvDevice::get().divertProgram(program, arguments)) return;
     std::string command = std::string(program) + " " + arguments;
     int ret = system(command.c_str());
     if (ret == -1) {
@@ -97,7 +123,8 @@ void OrvActionDB::shell(const char* program, const char* arguments) {
 
 // The descriptors below stay open: every execution opens the node afresh, as drivers expect.
 int OrvActionDB::writeIoctl(const char* path, OrvIoctlCfg& cfg, void* arg) {
-    int fd = open(path, O_RDWR);
+    OrvDevice& device = OrvDevice::get();
+    int fd = device.open(path, O_RDWR);
     if (fd < 0) {
         int err = errno;
         ALOGE("Cannot open \"%s\"(errno=%d) @%s", path, err, getCurActionInfoStr().c_str());
@@ -124,7 +151,7 @@ int OrvActionDB::writeIoctl(const char* path, OrvIoctlCfg& cfg, void* arg) {
             ALOGE("Invalid ioctl dir(%d) @%s", cfg.dir, getCurActionInfoStr().c_str());
             return 1;
     }
-    int ret = ioctl(fd, request, arg);
+    int ret = device.ioctl(fd, request, arg);
     int err = errno;
     ORV_LOGD("ioctl return = %d @%s", ret, getCurActionInfoStr().c_str());
     if (ret < 0) {
@@ -137,14 +164,15 @@ int OrvActionDB::writeIoctl(const char* path, OrvIoctlCfg& cfg, void* arg) {
 }
 
 void OrvActionDB::writeOrvIoctl(const char* path, int cmd, const char* value) {
-    int fd = open(path, O_RDWR);
+    OrvDevice& device = OrvDevice::get();
+    int fd = device.open(path, O_RDWR);
     if (fd < 0) {
         int err = errno;
         ALOGE("cannot open \"%s\" (errno=%d) @%s", path, err, getCurActionInfoStr().c_str());
         return;
     }
     uint32_t request = 0x40047800u | static_cast<uint32_t>(cmd);
-    int ret = ioctl(fd, request, value);
+    int ret = device.ioctl(fd, request, const_cast<char*>(value));
     int err = errno;
     ORV_LOGD("ioctl return = %d @%s", ret, getCurActionInfoStr().c_str());
     if (ret < 0) {

@@ -17,13 +17,18 @@ TEST(Demo, ReplaysTheSessionAndCleansUp) {
     ASSERT_TRUE(WIFEXITED(s) && WEXITSTATUS(s) == 0) << text;
 
     const char* lines[] = {
-        "[2] launch com.android.chrome",
-        "state: launch (com.android.chrome, pid -1)",
-        "scaling_governor    schedutil -> performance",
-        "[14] event-mask com.android.chrome   => 7",
-        "state: gesture_long_press (com.example.racinggame, pid 3410)",
+        "0 errors, 1 warning",
+        "[2] launch com.android.chrome    reset -> launch com.android.chrome",
+        "scaling_governor: schedutil -> performance",
+        // The tap boost comes, and goes with its time-out.
+        "[9] gesture tap 2301    run com.android.chrome -> gesture_tap com.android.chrome\n"
+        "     runs com.android.chrome.action.gesture_tap.on_enter\n"
+        "       /sys/devices/system/cpu/cpu0/cpufreq/scaling_min_freq: 1200000 -> 1800000\n",
+        "[10] at 150 ms the time-out fires    gesture_tap com.android.chrome -> run",
+        "replay: event-mask com.android.chrome => 7",
+        " state   run com.example.racinggame -> gesture_long_press com.example.racinggame",
         "== Final dump",
-        "orvd exited with status 2 (SIGINT); demo done",
+        "orvd stopped normally (SIGINT, exit status 2); demo done",
     };
     for (const char* line : lines) EXPECT_NE(text.find(line), std::string::npos) << line;
 

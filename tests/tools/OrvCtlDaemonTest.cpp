@@ -1,10 +1,7 @@
 // orvctl against the real orvd running the example policy in a temporary root.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include "tools/ToolRun.h"
+#include "tools/ExampleDaemon.h"
 
 using namespace orvtest;
 
@@ -14,37 +11,14 @@ const char* const kGovernor = "sys/devices/system/cpu/cpu0/cpufreq/scaling_gover
 const char* const kMinFreq = "sys/devices/system/cpu/cpu0/cpufreq/scaling_min_freq";
 const char* const kProcs = "dev/cpuctl/top-app/cgroup.procs";
 
-// Stops the daemon however the test ends.
-struct Child {
-    pid_t pid;
-    ~Child() {
-        if (pid <= 0) return;
-        kill(pid, SIGINT);
-        waitpid(pid, nullptr, 0);
-    }
-};
-
 }  // namespace
 
 // One daemon for the whole story: queries, a few events by hand, then the example session.
 TEST(OrvdRunning, QueriesEventsAndTheExampleTrace) {
     TempRoot root;
-    for (const char* node : {kGovernor, kMinFreq, kProcs}) root.write(node, "");
     auto node = [&](const char* rel) { return readFile(root / rel); };
-    std::string sed = "sed -e 's#\"/sys/#\"" + root.path() + "/sys/#g' -e 's#\"/dev/cpuctl/#\"" +
-                      root.path() + "/dev/cpuctl/#g' " +
-                      shellQuote(source("examples/tablet-policy.json")) + " > " +
-                      shellQuote(root / "data/orvpolicy");
-    ASSERT_EQ(system(sed.c_str()), 0);
-    Child orvd{fork()};
-    ASSERT_GE(orvd.pid, 0);
-    if (orvd.pid == 0) {
-        if (freopen((root / "orvd.log").c_str(), "w", stderr) != nullptr)
-            execl(bin("orvd").c_str(), "orvd", static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    ASSERT_TRUE(eventually([&] { return runTool(root, "orvctl", "dump").status == 0; }))
-        << readFile(root / "orvd.log");
+    ExampleDaemon orvd(root, false);
+    ASSERT_TRUE(orvd.ready()) << orvd.log();
 
     const struct {
         const char* args;

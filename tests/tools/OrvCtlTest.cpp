@@ -89,7 +89,7 @@ TEST(OrvCtl, CommandsBecomeTheirFramesAndPrintTheAnswer) {
         {"sleep", "[302,0]", nullptr, ""},
         {"wake", "[303,0]", nullptr, ""},
         {"timeout", "[500,0]", nullptr, ""},
-        {"update /data/new", "[301,9]/data/new", nullptr, ""},
+        {"send 301 /data/new", "[301,9]/data/new", nullptr, ""},
         {"send 33 '1;1'", "[33,3]1;1", nullptr, ""},
         {"send 400 '9;x'", "[400,3]9;x", nullptr, ""},  // orvd never answers an unknown query type
         {"event-mask com.a", "[400,7]0;com.a", "5", "5\n"},

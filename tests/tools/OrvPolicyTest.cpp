@@ -46,7 +46,9 @@ TEST(OrvPolicy, EachKindOfFinding) {
         {"unknown method in a group",
          R"({"parser":"v1.0","version":"v1","policy_group":{"g":[{"method":"xfz"}]},
              "applications":{"com.a":{"action":{"launch":{"on_enter":[{"method":"group","path":"g"}]}}}}})",
-         1, "error: com.a.action.launch.on_enter[0]g[0]: unknown method \"xfz\""},
+         1,
+         "error: policy_group.g[0]: unknown method \"xfz\" (the group runs from "
+         "com.a.action.launch.on_enter[0])"},
         {"unknown method", withRun(R"({"method":"group","path":"boost"},{"method":"xfz"})"), 1,
          "error: com.a.action.run.policy[1]: unknown method \"xfz\""},
         {"missing group", withRun(R"({"method":"group","path":"nope"})"), 1,
@@ -98,6 +100,18 @@ TEST(OrvPolicy, EachKindOfFinding) {
         {"null parameter", withRun("", R"(,"com.b":{"param":{"large_heap":null}})"), 0,
          "warning: com.b.param.large_heap: null counts as absent"},
         {"method without method", withRun(R"({"path":"/f"})"), 1, "no \"method\""},
+        {"ioctl in a frequent state, through a group",
+         R"({"parser":"v1.0","version":"v1","policy_group":{"g":[{"method":"orv_ioctl","path":"/d",
+             "cmd":1,"value":"1"}]},"applications":{"com.a":{"action":{"gesture_tap":{"on_enter":[
+             {"method":"group","path":"g"}]}}}}})",
+         0, "warning: com.a.action.gesture_tap.on_enter: runs an ioctl in a state entered often"},
+        {"boost never taken back",
+         R"({"parser":"v1.0","version":"v1","policy_group":{"boost":[{"method":"xfs","path":"/f",
+             "type":"int","value":1}]},"applications":{"com.a":{"action":{
+             "gesture_tap":{"on_enter":[{"method":"group","path":"boost"}]},"run":{"policy":[]}}}}})",
+         0,
+         "warning: com.a.action.gesture_tap.on_enter: writes xfs /f and nothing sets it back: "
+         "neither com.a.action.gesture_tap.on_exit nor com.a.action.run writes it"},
         {"set not an array", withRun("", R"(,"com.b":{"action":{"run":{"policy":{}}}})"), 1,
          "error: com.b.action.run.policy: an action set must be an array"},
     };
@@ -110,6 +124,79 @@ TEST(OrvPolicy, EachKindOfFinding) {
         if (expected.compare(0, 9, "doc.json:") == 0) expected = root.path() + "/" + expected;
         EXPECT_NE(r.out.find(expected), std::string::npos) << c.name << ":\n" << r.out;
     }
+}
+
+TEST(OrvPolicy, StrictChecksPlacesAndFormats) {
+    const std::string twice =
+        "{\"parser\":\"v1.0\",\"version\":\"v1\",\n\"applications\":{\n"
+        "  \"com.a\":{\"action\":{\"run\":{\"policy\":[]}}},\n"
+        "  \"com.a\":{\"param\":{}}}}";
+    const struct {
+        const char* name;
+        std::string doc;
+        const char* options;
+        int status;
+        const char* says;  // part of the output; FILE stands for the document's path
+    } cases[] = {
+        {"duplicate application", twice, "", 1,
+         "FILE:4:3: error: com.a: duplicate key \"com.a\": orvd keeps only this one and drops "
+         "the one at line 3 with all it holds\n"},
+        {"summary", twice, "", 1, "\n1 error, 0 warnings\n"},
+        {"placed finding",
+         "{\"parser\":\"v1.0\",\"version\":\"v1\",\n \"applications\":{\"com.a\":"
+         "{\"action\":{\n  \"gesture_longpress\":{}}}}}",
+         "", 0,
+         "FILE:3:3: warning: com.a.action.gesture_longpress: unknown state, never entered (did "
+         "you mean gesture_long_press?)"},
+        {"strict", withRun("", R"(,"com.b":{"action":{"run":{"on_entr":[]}}})"), "--strict", 1,
+         "error: com.b.action.run.on_entr: unknown set key (on_enter, on_exit or policy); never "
+         "run (did you mean on_enter?)"},
+        {"top-level typo", R"({"parser":"v1.0","version":"v1","aplications":{}})", "", 0,
+         "warning: aplications: unknown top-level key, never read (did you mean applications?)"},
+        {"json", withRun(R"({"method":"xfz"})"), "--format json", 1,
+         "\"location\" : \"com.a.action.run.policy[0]\""},
+        {"unknown option", withRun(""), "--strictly", 3, "unknown option --strictly"},
+        {"bad format", withRun(""), "--format xml", 3, "--format takes text or json"},
+    };
+    TempRoot root;
+    for (const auto& c : cases) {
+        const std::string file = root.write("doc.json", c.doc);
+        ToolResult r =
+            runTool(root, "orvpolicy", std::string("check ") + c.options + " " + shellQuote(file));
+        EXPECT_EQ(r.status, c.status) << c.name << "\n" << r.out << r.err;
+        std::string says = c.says;
+        if (says.compare(0, 4, "FILE") == 0) says = file + says.substr(4);
+        EXPECT_NE((r.out + r.err).find(says), std::string::npos) << c.name << ": " << says << "\n"
+                                                                 << r.out << r.err;
+    }
+    EXPECT_EQ(runTool(root, "orvpolicy", "chek x").status, 3);
+
+    // protect judges the file as the protected file it becomes, and refuses errors.
+    const std::string bad = root.write("bad.json", withRun(R"({"method":"xfz"})"));
+    ToolResult r = runTool(root, "orvpolicy", "protect " + bad + " " + (root / "bad.prot"));
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("has 1 error (see orvpolicy check); --force protects it anyway"),
+              std::string::npos)
+        << r.err;
+    EXPECT_EQ(access((root / "bad.prot").c_str(), F_OK), -1);
+    EXPECT_EQ(
+        runTool(root, "orvpolicy", "protect --force " + bad + " " + (root / "bad.prot")).status, 0);
+}
+
+TEST(OrvPolicy, InfoAppsTableFollowsReferences) {
+    TempRoot root;
+    const std::string doc = root.write(
+        "d.json",
+        withRun(
+            R"({"method":"group","path":"boost"})",
+            R"(,"com.b":{"action":{"reference":"com.a","gesture_tap":{"on_enter":[],"on_exit":[]}}})"));
+    ToolResult r = runTool(root, "orvpolicy", "info --apps " + doc);
+    EXPECT_EQ(r.status, 0) << r.err;
+    for (const char* line :
+         {"    com.a                        -    -    p    -    -    -    -    -    -    -    ",
+          "    com.b                        -    -    p*   -    -    -    -    -    -    ex   ",
+          "  groups:\n    boost\n"})
+        EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n" << r.out;
 }
 
 TEST(OrvPolicy, ExamplePolicyChecksCleanAndUnreadableFilesGiveStatus2) {

@@ -6,7 +6,11 @@
 #include <string.h>
 #include <time.h>
 
+#include "daemon/core/OrvVersion.h"
+#include "tools/orvctl/OrvCtlMonitor.h"
 #include "tools/orvctl/OrvCtlTrace.h"
+#include "tools/orvctl/OrvCtlUpdate.h"
+#include "tools/orvctl/OrvCtlVerify.h"
 
 namespace {
 
@@ -15,6 +19,23 @@ void pauseMs(int ms) {
     while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
     }
 }
+
+long long nowMs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
+}
+
+// Milliseconds from 0 to an hour; false when `text` is anything else.
+bool toMs(const std::string& text, int& out) {
+    char* end = nullptr;
+    long ms = strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || ms < 0 || ms > 3600000) return false;
+    out = static_cast<int>(ms);
+    return true;
+}
+
+const int kDefaultWaitMs = 5000;
 
 }  // namespace
 
@@ -25,7 +46,17 @@ int OrvCtlApp::run(int argc, char** argv) {
         if (a == "--help" || a == "-h" || a == "help") {
             fputs(OrvCtlCommand::usage(), stdout);
             return EXIT_OK;
-        } else if (a == "--socket" || a == "--timeout") {
+        } else if (a == "--version") {
+            printf("orvctl %s\n", ORV_VERSION);
+            return EXIT_OK;
+        } else if (a == "--wait") {
+            mWaitMs = kDefaultWaitMs;
+        } else if (a.compare(0, 7, "--wait=") == 0) {
+            if (!toMs(a.substr(7), mWaitMs)) {
+                fprintf(stderr, "orvctl: --wait takes milliseconds, not \"%s\"\n", a.c_str() + 7);
+                return EXIT_USAGE;
+            }
+        } else if (a == "--socket" || a == "--timeout" || a == "--log") {
             if (i + 1 >= argc) {
                 fprintf(stderr, "orvctl: %s needs a value\n", a.c_str());
                 return EXIT_USAGE;
@@ -33,14 +64,11 @@ int OrvCtlApp::run(int argc, char** argv) {
             std::string v = argv[++i];
             if (a == "--socket") {
                 mSocket = v;
-            } else {
-                char* end = nullptr;
-                long ms = strtol(v.c_str(), &end, 10);
-                if (v.empty() || *end != '\0' || ms < 0 || ms > 3600000) {
-                    fprintf(stderr, "orvctl: --timeout takes milliseconds, not \"%s\"\n", v.c_str());
-                    return EXIT_USAGE;
-                }
-                mTimeoutMs = static_cast<int>(ms);
+            } else if (a == "--log") {
+                mLogPath = v;
+            } else if (!toMs(v, mTimeoutMs)) {
+                fprintf(stderr, "orvctl: --timeout takes milliseconds, not \"%s\"\n", v.c_str());
+                return EXIT_USAGE;
             }
         } else if (a.compare(0, 2, "--") == 0) {
             fprintf(stderr, "orvctl: unknown option %s (see orvctl --help)\n", a.c_str());
@@ -53,6 +81,11 @@ int OrvCtlApp::run(int argc, char** argv) {
         fputs(OrvCtlCommand::usage(), stderr);
         return EXIT_USAGE;
     }
+    const std::string name = argv[i];
+    const std::vector<std::string> rest(argv + i + 1, argv + argc);
+    if (name == "update") return OrvCtlUpdate(*this).run(rest);
+    if (name == "verify") return OrvCtlVerify(*this).run(rest);
+    if (name == "monitor") return OrvCtlMonitor(*this).run(rest);
     std::vector<std::string> words(argv + i, argv + argc);
     OrvCtlCommand cmd;
     std::string error;
@@ -65,9 +98,36 @@ int OrvCtlApp::run(int argc, char** argv) {
 
 bool OrvCtlApp::connect(OrvCtlConnection& conn) {
     std::string error;
-    if (conn.open(mSocket, error)) return true;
-    fprintf(stderr, "orvctl: %s\n", error.c_str());
-    return false;
+    const long long deadline = nowMs() + mWaitMs;
+    // Only the first connection waits: once orvd answered, a later failure is news.
+    while (!conn.open(mSocket, error)) {
+        if (nowMs() >= deadline) {
+            if (mWaitMs > 0)
+                fprintf(stderr, "orvctl: waited %d ms: %s\n", mWaitMs, error.c_str());
+            else
+                fprintf(stderr, "orvctl: %s\n", error.c_str());
+            return false;
+        }
+        pauseMs(10);
+    }
+    mWaitMs = 0;
+    return true;
+}
+
+int OrvCtlApp::query(int code, const std::string& payload, std::string& answer) {
+    OrvCtlConnection conn;
+    if (!connect(conn)) return EXIT_UNREACHABLE;
+    OrvCtlCommand cmd;
+    cmd.code = code;
+    cmd.payload = payload;
+    cmd.expectsReply = true;
+    std::string error;
+    if (!conn.sendFrame(OrvCtlCommand::frame(code, payload), error)) {
+        fprintf(stderr, "orvctl: %s\n", error.c_str());
+        return EXIT_UNREACHABLE;
+    }
+    int replyCode = 0;
+    return readReply(conn, cmd, std::to_string(code), replyCode, answer);
 }
 
 int OrvCtlApp::runCommand(const OrvCtlCommand& cmd, const std::string& label) {
@@ -107,6 +167,20 @@ int OrvCtlApp::runMessage(OrvCtlConnection& conn, const OrvCtlCommand& cmd,
     if (!cmd.expectsReply) return EXIT_OK;
     int code = 0;
     std::string text;
+    int status = readReply(conn, cmd, label, code, text);
+    if (status != EXIT_OK) return status;
+    if (cmd.printCode)
+        printf("%d %s\n", code, text.c_str());
+    else if (!text.empty() && text.back() == '\n')
+        fputs(text.c_str(), stdout);
+    else
+        printf("%s\n", text.c_str());
+    fflush(stdout);
+    return EXIT_OK;
+}
+
+int OrvCtlApp::readReply(OrvCtlConnection& conn, const OrvCtlCommand& cmd, const std::string& label,
+                         int& code, std::string& text) {
     switch (conn.readReply(mTimeoutMs, code, text)) {
         case OrvCtlConnection::OK:
             break;
@@ -123,13 +197,6 @@ int OrvCtlApp::runMessage(OrvCtlConnection& conn, const OrvCtlCommand& cmd,
     if (code != cmd.code)
         fprintf(stderr, "orvctl: %s: the reply carries code %d, not %d\n", label.c_str(), code,
                 cmd.code);
-    if (cmd.printCode)
-        printf("%d %s\n", code, text.c_str());
-    else if (!text.empty() && text.back() == '\n')
-        fputs(text.c_str(), stdout);
-    else
-        printf("%s\n", text.c_str());
-    fflush(stdout);
     return EXIT_OK;
 }
 

@@ -20,14 +20,28 @@ class OrvCtlApp {
 
     int run(int argc, char** argv);
 
+    // Connects, first waiting up to --wait for the socket to answer; prints why it cannot.
+    bool connect(OrvCtlConnection& conn);
+    // Sends one message that has a reply and returns the reply's text; EXIT_OK or the failure
+    // after it was printed.
+    int query(int code, const std::string& payload, std::string& answer);
+
+    int timeoutMs() const { return mTimeoutMs; }
+    // The daemon's log file given with --log; empty when none.
+    const std::string& logPath() const { return mLogPath; }
+
   private:
     int runCommand(const OrvCtlCommand& cmd, const std::string& label);
     int runMessage(OrvCtlConnection& conn, const OrvCtlCommand& cmd, const std::string& label);
     int runReplay(const std::string& path);
-    bool connect(OrvCtlConnection& conn);
+    // Reads one reply of `cmd` from `conn`; prints what went wrong.
+    int readReply(OrvCtlConnection& conn, const OrvCtlCommand& cmd, const std::string& label,
+                  int& code, std::string& text);
 
     std::string mSocket;
+    std::string mLogPath;
     int mTimeoutMs = 2000;
+    int mWaitMs = 0;
     // A replay keeps one connection for all its lines, so its messages stay in order.
     OrvCtlConnection* mShared = nullptr;
 };

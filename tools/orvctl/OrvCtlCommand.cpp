@@ -202,7 +202,8 @@ bool OrvCtlCommand::parse(const std::vector<std::string>& w, bool inTrace, OrvCt
 }
 
 const char* OrvCtlCommand::usage() {
-    return "usage: orvctl [--socket PATH] [--timeout MS] COMMAND [ARGS]\n"
+    return "usage: orvctl [--socket PATH] [--timeout MS] [--wait[=MS]] [--log FILE] COMMAND "
+           "[ARGS]\n"
            "\n"
            "Daemon state:\n"
            "  dump                                  print orvd's state dump\n"
@@ -221,11 +222,17 @@ const char* OrvCtlCommand::usage() {
            "  sleep | wake                          screen goes off or on\n"
            "  timeout                               a gesture time-out, as the daemon's timer "
            "sends\n"
-           "  update PATH                           a new policy file is ready at PATH\n"
+           "  update PATH                           a new policy file is ready at PATH: checked\n"
+           "                                        first, confirmed after (--log helps)\n"
            "Queries (the answer is printed):\n"
            "  event-mask APP | event-mask --pid PID\n"
            "  large-heap PID | heap-utilization PID | hw-accel PID\n"
            "  thermal-mask APP\n"
+           "Watching and checking:\n"
+           "  monitor [--for MS]                    a line per event, state change, effect and\n"
+           "                                        failure (host: --log FILE, orvd's stderr)\n"
+           "  verify [POLICY]                       compare the device with what the policy wants\n"
+           "                                        now (exit 1 when anything differs)\n"
            "Other:\n"
            "  replay FILE                           run a trace: one command a line, '#' "
            "comments,\n"
@@ -235,8 +242,11 @@ const char* OrvCtlCommand::usage() {
            "Options:\n"
            "  --socket PATH   connect to PATH instead of the reserved socket \"orvd\"\n"
            "  --timeout MS    how long to wait for a reply (default 2000)\n"
+           "  --wait[=MS]     wait up to MS (default 5000) for orvd to accept connections\n"
+           "  --log FILE      orvd's log (its standard error on a host), for update\n"
+           "  --version       print the version\n"
            "  --help          this text\n"
            "\n"
            "Exit status: 0 ok, 1 usage or trace error, 2 orvd not reachable, 3 no reply in time,\n"
-           "4 property refused or trace file unreadable.\n";
+           "4 property refused, trace file unreadable or policy update refused.\n";
 }

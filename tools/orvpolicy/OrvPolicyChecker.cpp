@@ -3,8 +3,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <functional>
 #include <sstream>
+
+#include "tools/orvpolicy/OrvPolicyRestore.h"
 
 namespace {
 
@@ -17,6 +20,36 @@ std::string quoted(const std::string& s) {
 bool isGestureState(const std::string& s) {
     return s.compare(0, 8, "gesture_") == 0;
 }
+
+// States the framework reports many times a minute.
+bool isFrequentState(const std::string& s) {
+    return isGestureState(s) || s == "listview_scroll" || s == "listview_fling" || s == "scale" ||
+           s == "rotate";
+}
+
+// The edit distance of two short names.
+size_t distance(const std::string& a, const std::string& b) {
+    std::vector<size_t> row(b.size() + 1);
+    for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
+    for (size_t i = 1; i <= a.size(); ++i) {
+        size_t diagonal = row[0];
+        row[0] = i;
+        for (size_t j = 1; j <= b.size(); ++j) {
+            size_t up = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1])});
+            diagonal = up;
+        }
+    }
+    return row[b.size()];
+}
+
+const std::vector<std::string> kStateNames = {"reset",          "launch",
+                                              "start",          "run",
+                                              "scale",          "listview_scroll",
+                                              "listview_fling", "rotate",
+                                              "gesture_down",   "gesture_press",
+                                              "gesture_tap",    "gesture_scroll",
+                                              "gesture_fling",  "gesture_long_press"};
 
 std::string fmt(float v) {
     std::ostringstream os;
@@ -33,14 +66,21 @@ float OrvPolicyChecker::parseVersion(const std::string& text) {
 }
 
 bool OrvPolicyChecker::isStateName(const std::string& name) {
-    static const std::set<std::string> names = {"reset",          "launch",
-                                                "start",          "run",
-                                                "scale",          "listview_scroll",
-                                                "listview_fling", "rotate",
-                                                "gesture_down",   "gesture_press",
-                                                "gesture_tap",    "gesture_scroll",
-                                                "gesture_fling",  "gesture_long_press"};
-    return names.count(name) > 0;
+    return std::find(kStateNames.begin(), kStateNames.end(), name) != kStateNames.end();
+}
+
+std::string OrvPolicyChecker::suggest(const std::string& word,
+                                      const std::vector<std::string>& names) {
+    std::string best;
+    size_t bestDistance = word.size() / 3 + 2;  // further than this is no typo
+    for (const auto& n : names) {
+        size_t d = distance(word, n);
+        if (d < bestDistance) {
+            bestDistance = d;
+            best = n;
+        }
+    }
+    return best.empty() ? "" : " (did you mean " + best + "?)";
 }
 
 void OrvPolicyChecker::run() {
@@ -51,7 +91,9 @@ void OrvPolicyChecker::run() {
     for (const auto& key : mRoot.getMemberNames())
         if (key != "parser" && key != "version" && key != "applications" && key != "default" &&
             key != "policy_group")
-            mReport.warning(key, "unknown top-level key, never read");
+            mReport.warning(key, "unknown top-level key, never read" +
+                                     suggest(key, {"parser", "version", "applications", "default",
+                                                   "policy_group"}));
     checkVersion("parser", true);
     checkVersion("version", false);
 
@@ -89,6 +131,7 @@ void OrvPolicyChecker::run() {
         for (const auto& name : apps.getMemberNames()) checkApplication(name, apps[name]);
         checkReferenceCycles("action");
         checkReferenceCycles("param");
+        OrvPolicyRestore(mRoot, mReport).run();
     }
 
     if (groups.isObject()) {
@@ -98,6 +141,15 @@ void OrvPolicyChecker::run() {
             mCheckedGroups.insert(name);
             checkSet("policy_group." + name, groups[name]);
         }
+    }
+    // A mistake inside a group is one mistake wherever the group runs: name its definition.
+    for (auto& f : mReport.findings()) {
+        const std::string group = OrvPolicyReport::groupOf(f.location);
+        if (group.empty()) continue;
+        f.location = OrvPolicyReport::documentPath(f.location, mRoot);
+        std::string uses;
+        for (const auto& u : mGroupUses[group]) uses += (uses.empty() ? "" : ", ") + u;
+        f.message += " (the group runs from " + uses + ")";
     }
 }
 
@@ -153,7 +205,7 @@ void OrvPolicyChecker::checkApplication(const std::string& name, const Json::Val
             continue;
         }
         if (!isStateName(state)) {
-            mReport.warning(stateLoc, "unknown state, never entered");
+            mReport.warning(stateLoc, "unknown state, never entered" + suggest(state, kStateNames));
             continue;
         }
         if (state == "reset" && !name.empty())
@@ -166,11 +218,18 @@ void OrvPolicyChecker::checkApplication(const std::string& name, const Json::Val
             continue;
         }
         for (const auto& key : sets.getMemberNames()) {
-            if (key == "on_enter" || key == "on_exit" || key == "policy")
+            if (key == "on_enter" || key == "on_exit" || key == "policy") {
                 checkSet(stateLoc + "." + key, sets[key]);
-            else
+                std::set<std::string> seen;
+                if (isFrequentState(state) && usesIoctl(sets[key], seen))
+                    mReport.warning(stateLoc + "." + key,
+                                    "runs an ioctl in a state entered often: each execution "
+                                    "opens the node again and orvd keeps that descriptor open "
+                                    "for the rest of its life");
+            } else
                 mReport.warning(stateLoc + "." + key,
-                                "unknown set key (on_enter, on_exit or policy); never run");
+                                "unknown set key (on_enter, on_exit or policy); never run" +
+                                    suggest(key, {"on_enter", "on_exit", "policy"}));
         }
     }
 }
@@ -317,6 +376,22 @@ void OrvPolicyChecker::checkGroupCycles() {
         if (mark[name] == 0) visit(name);
 }
 
+bool OrvPolicyChecker::usesIoctl(const Json::Value& set, std::set<std::string>& seenGroups) {
+    if (!set.isArray()) return false;
+    const Json::Value& groups = mRoot["policy_group"];
+    for (const auto& m : set) {
+        if (!m.isObject() || !m["method"].isString()) continue;
+        const std::string method = m["method"].asString();
+        if (method == "ioctl" || method == "orv_ioctl") return true;
+        if (method != "group" || !m["path"].isString() || !groups.isObject()) continue;
+        const std::string name = m["path"].asString();
+        if (seenGroups.insert(name).second && groups.isMember(name) &&
+            usesIoctl(groups[name], seenGroups))
+            return true;
+    }
+    return false;
+}
+
 void OrvPolicyChecker::checkSet(const std::string& loc, const Json::Value& set) {
     if (set.isNull()) return;
     if (!set.isArray()) {
@@ -356,6 +431,7 @@ void OrvPolicyChecker::checkMethod(const std::string& loc, const Json::Value& m)
         return;
     }
     std::string group = path.asString();
+    mGroupUses[group].push_back(loc);
     const Json::Value& groups = mRoot["policy_group"];
     if (!groups.isObject() || !groups.isMember(group) || groups[group].isNull()) {
         mReport.error(loc, "policy_group " + quoted(group) +

@@ -21,6 +21,8 @@ class OrvPolicyChecker {
     static float parseVersion(const std::string& text);
     // The state names of the scenario machine, which are the keys under "action".
     static bool isStateName(const std::string& name);
+    // " (did you mean X?)" for the name among `names` that `word` is a likely typo of.
+    static std::string suggest(const std::string& word, const std::vector<std::string>& names);
 
   private:
     void checkVersion(const char* key, bool isParser);
@@ -30,10 +32,13 @@ class OrvPolicyChecker {
     void checkReferenceCycles(const char* section);
     void checkGroupCycles();
     void checkSet(const std::string& loc, const Json::Value& set);
+    // Whether running `set` issues an ioctl, through groups too (each group looked at once).
+    bool usesIoctl(const Json::Value& set, std::set<std::string>& seenGroups);
     void checkMethod(const std::string& loc, const Json::Value& m);
 
     const Json::Value& mRoot;
     OrvPolicyReport& mReport;
     OrvPolicyMethodChecker mMethods;
     std::set<std::string> mCheckedGroups;
+    std::map<std::string, std::vector<std::string>> mGroupUses;  // group to the methods that run it
 };

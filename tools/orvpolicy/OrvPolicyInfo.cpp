@@ -67,3 +67,76 @@ std::string OrvPolicyInfo::format(const std::string& file, bool isProtected) con
     out += "\n";
     return out;
 }
+
+std::string OrvPolicyInfo::formatApps() const {
+    static const struct {
+        const char* name;
+        const char* head;
+    } kStates[] = {{"launch", "lnch"},
+                   {"start", "strt"},
+                   {"run", "run"},
+                   {"scale", "scal"},
+                   {"listview_scroll", "lscr"},
+                   {"listview_fling", "lfli"},
+                   {"rotate", "rota"},
+                   {"gesture_down", "down"},
+                   {"gesture_press", "pres"},
+                   {"gesture_tap", "tap"},
+                   {"gesture_scroll", "scro"},
+                   {"gesture_fling", "flin"},
+                   {"gesture_long_press", "long"}};
+    static const struct {
+        const char* key;
+        char mark;
+    } kSets[] = {{"on_enter", 'e'}, {"policy", 'p'}, {"on_exit", 'x'}};
+    if (!mRoot.isObject()) return "";
+    const Json::Value& apps = mRoot["applications"];
+    std::string out =
+        "  sets per state (e on_enter, p policy, x on_exit, * through \"reference\"; lscr and\n"
+        "  lfli are the list view's scroll and fling, the last six the gestures):\n";
+    out += "    " + std::string(28, ' ');
+    for (const auto& st : kStates) {
+        char head[8];
+        snprintf(head, sizeof(head), " %-4s", st.head);
+        out += head;
+    }
+    out += "\n";
+    for (const auto& name : apps.isObject() ? apps.getMemberNames() : std::vector<std::string>()) {
+        char row[40];
+        snprintf(row, sizeof(row), "    %-28.28s", name.c_str());
+        out += row;
+        for (const auto& state : kStates) {
+            const char* st = state.name;
+            // Follow "reference" as the engine does, a few steps at most.
+            std::string cell;
+            std::string at = name;
+            for (int hop = 0; hop < 8 && cell.empty(); ++hop) {
+                const Json::Value& action =
+                    apps[at].isObject() ? apps[at]["action"] : Json::Value::nullSingleton();
+                if (!action.isObject()) break;
+                if (action[st].isObject())
+                    for (const auto& s : kSets)
+                        if (action[st].isMember(s.key)) cell += s.mark;
+                if (!cell.empty() && hop > 0) cell += '*';
+                if (!action["reference"].isString()) break;
+                at = action["reference"].asString();
+            }
+            char col[8];
+            snprintf(col, sizeof(col), " %-4s", cell.empty() ? "-" : cell.c_str());
+            out += col;
+        }
+        out += "\n";
+    }
+    const Json::Value& groups = mRoot["policy_group"];
+    if (!groups.isObject()) return out;
+    out += "  groups:\n";
+    for (const auto& g : groups.getMemberNames()) {
+        std::string calls;
+        if (groups[g].isArray())
+            for (const auto& m : groups[g])
+                if (m.isObject() && m["method"] == "group" && m["path"].isString())
+                    calls += (calls.empty() ? " -> " : ", ") + m["path"].asString();
+        out += "    " + g + calls + "\n";
+    }
+    return out;
+}

@@ -16,6 +16,9 @@ class OrvPolicyInfo {
 
     int methodCount() const;
     std::string format(const std::string& file, bool isProtected) const;
+    // Which action sets each application has per state (its own, or "*" through "reference":
+    // e on_enter, p policy, x on_exit), then every group with the groups it runs.
+    std::string formatApps() const;
 
   private:
     void countSet(const Json::Value& set);

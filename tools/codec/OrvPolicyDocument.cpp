@@ -1,4 +1,4 @@
-#include "tools/orvpolicy/OrvPolicyDocument.h"
+#include "tools/codec/OrvPolicyDocument.h"
 
 #include <errno.h>
 #include <stdio.h>

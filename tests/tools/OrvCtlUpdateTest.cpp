@@ -1,0 +1,71 @@
+// orvctl's --version and --wait, and "update" checking, sending and confirming a policy file.
+#include <gtest/gtest.h>
+
+#include "tools/ExampleDaemon.h"
+
+using namespace orvtest;
+
+TEST(Tools, PrintTheirVersion) {
+    TempRoot root;
+    for (const char* tool : {"orvd", "orvctl", "orvpolicy"}) {
+        ToolResult r = runTool(root, tool, "--version");
+        EXPECT_EQ(r.status, 0) << tool;
+        EXPECT_EQ(r.out, std::string(tool) + " 1.0\n");
+        EXPECT_EQ(r.err, "") << tool;
+    }
+}
+
+TEST(OrvCtlWait, WaitsForADaemonThatIsStillStarting) {
+    TempRoot root;
+    ASSERT_TRUE(installExamplePolicy(root));
+    EXPECT_EQ(runTool(root, "orvctl", "dump").status, 2) << "nothing listens yet";
+    // orvd comes up a moment after the client was started, as with "orvd & orvctl ...".
+    const std::string out = root / "dump";
+    std::string script = "(sleep 0.3; exec " + shellQuote(bin("orvd")) + " 2>/dev/null) & d=$!; " +
+                         shellQuote(bin("orvctl")) + " --wait=5000 dump >" + shellQuote(out) +
+                         "; s=$?; kill -INT $d; wait $d; exit $s";
+    int status = system(script.c_str());
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_NE(readFile(out).find("   State     : reset\n"), std::string::npos) << readFile(out);
+    EXPECT_EQ(runTool(root, "orvctl", "--wait=x dump").status, 1);
+}
+
+TEST(OrvCtlUpdate, ChecksSendsAndConfirms) {
+    TempRoot root;
+    ExampleDaemon orvd(root, false);
+    ASSERT_TRUE(orvd.ready()) << orvd.log();
+    const std::string policy = readFile(root / "data/orvpolicy");  // version v2.3
+    auto withVersion = [&](const std::string& v) {
+        std::string doc = policy;
+        doc.replace(doc.find("\"v2.3\""), 6, "\"" + v + "\"");
+        return doc;
+    };
+    const struct {
+        const char* name;
+        std::string content;
+        bool withLog;
+        int status;
+        const char* says;  // part of the output
+        bool sent;         // orvd took the file away
+    } cases[] = {
+        {"older", withVersion("v2.0"), false, 4, "loads only newer versions; nothing sent", false},
+        {"same", withVersion("v2.3"), false, 4, "orvd runs v2.3 (2.30)", false},
+        {"not JSON", "{ \"parser\": ", false, 4, "orvd would refuse", false},
+        {"newer", withVersion("v3.0"), false, 0, "accepted: version v3.0", true},
+        {"newer, confirmed from the log", withVersion("v4.0"), true, 0, "accepted: version v4.0",
+         true},
+    };
+    for (const auto& c : cases) {
+        const std::string file = root.write("new.json", c.content);
+        const std::string log = c.withLog ? "--log " + shellQuote(root / "orvd.log") + " " : "";
+        ToolResult r = runTool(root, "orvctl", log + "update " + shellQuote(file));
+        EXPECT_EQ(r.status, c.status) << c.name << ": " << r.err << orvd.log();
+        EXPECT_NE((r.out + r.err).find(c.says), std::string::npos)
+            << c.name << ": " << r.out << r.err;
+        EXPECT_EQ(access(file.c_str(), F_OK) != 0, c.sent) << c.name;
+        if (c.sent) {
+            EXPECT_EQ(readFile(root / "data/orvpolicy"), c.content) << c.name;
+        }
+        unlink(file.c_str());
+    }
+}

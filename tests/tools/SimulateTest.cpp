@@ -1,0 +1,157 @@
+// "orvpolicy simulate": the same writes as the real daemon on the example session, time-outs
+// driven by the trace's pauses, and nothing performed on the machine.
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <sstream>
+#include <utility>
+
+#include "tools/ExampleDaemon.h"
+
+using namespace orvtest;
+
+namespace {
+
+// (node path or property name, value) of each write, in order.
+using Writes = std::vector<std::pair<std::string, std::string>>;
+
+// From orvd's debug lines "exe   LOCATION:{path:P value:V}", where LOCATION ends in the method.
+Writes daemonWrites(const std::string& log) {
+    Writes out;
+    std::istringstream in(log);
+    std::string line;
+    while (std::getline(in, line)) {
+        size_t exe = line.find("OrvActionManager: exe ");
+        size_t path = line.find(":{path:");
+        size_t value = line.rfind(" value:");
+        if (exe == std::string::npos || path == std::string::npos || value == std::string::npos)
+            continue;
+        std::string location = line.substr(exe, path - exe);
+        std::string method = location.substr(location.rfind(']') + 1);
+        if (method != "xfs" && method != "prop") continue;
+        out.emplace_back(line.substr(path + 7, value - path - 7),
+                         line.substr(value + 7, line.size() - value - 8));
+    }
+    return out;
+}
+
+std::vector<Json::Value> jsonLines(const std::string& text) {
+    std::vector<Json::Value> out;
+    std::istringstream in(text);
+    std::string line;
+    Json::CharReaderBuilder b;
+    while (std::getline(in, line)) {
+        Json::Value v;
+        std::string errors;
+        std::istringstream one(line);
+        if (Json::parseFromStream(b, one, &v, &errors)) out.push_back(v);
+    }
+    return out;
+}
+
+Writes simulatedWrites(const std::vector<Json::Value>& steps) {
+    Writes out;
+    for (const auto& s : steps)
+        for (const auto& e : s["effects"])
+            if (e["kind"] == "write" || e["kind"] == "prop")
+                out.emplace_back(e["target"].asString(), e["value"].asString());
+    return out;
+}
+
+}  // namespace
+
+TEST(Simulate, WritesWhatTheDaemonWritesOnTheExampleSession) {
+    TempRoot root;
+    ExampleDaemon orvd(root, true);
+    ASSERT_TRUE(orvd.ready()) << orvd.log();
+    const std::string trace = shellQuote(source("examples/session.trace"));
+
+    ToolResult sim = runTool(
+        root, "orvpolicy", "simulate --json " + shellQuote(root / "data/orvpolicy") + " " + trace);
+    ASSERT_EQ(sim.status, 0) << sim.err;
+    Writes expected = simulatedWrites(jsonLines(sim.out));
+    ASSERT_GT(expected.size(), 40u) << sim.out;
+
+    ToolResult replay = runTool(root, "orvctl", "replay " + trace);
+    ASSERT_EQ(replay.status, 0) << replay.err;
+    // The last actions may still run after the replay returns.
+    eventually([&] { return daemonWrites(orvd.log()).size() >= expected.size(); });
+    EXPECT_EQ(daemonWrites(orvd.log()), expected);
+}
+
+TEST(Simulate, TimeOutsFollowThePausesOfTheTrace) {
+    TempRoot root;
+    root.write("policy.json", R"({"parser":"v1.0","version":"v1",
+        "applications":{"com.a":{"action":{"run":{"policy":[]}}}}})");
+    const struct {
+        const char* name;
+        const char* trace;
+        std::vector<long long> firedAt;  // simulated ms of each time-out
+    } cases[] = {
+        {"a pause shorter than the time-out", "gesture tap 1\nsleep 99\n", {}},
+        {"the default 100 ms", "gesture tap 1\nsleep 50\nsleep 60\n", {100}},
+        {"a repeated tap re-arms",
+         "gesture tap 1\nsleep 50\ngesture tap 1\nsleep 60\nsleep 40\n",
+         {150}},
+        {"one pause covers two gestures",
+         "gesture tap 1\nsleep 100\ngesture fling 1\nsleep 1000\n",
+         {100, 200}},
+        {"leaving the gesture cancels it", "gesture tap 1\nlist scroll 1\nsleep 500\n", {}},
+    };
+    for (const auto& c : cases) {
+        root.write("t.trace",
+                   std::string("proc-start 1 com.a\nstart 1 com.a\ndisplayed 1 com.a\n") + c.trace);
+        ToolResult r = runTool(root, "orvpolicy",
+                               "simulate --json " + shellQuote(root / "policy.json") + " " +
+                                   shellQuote(root / "t.trace"));
+        ASSERT_EQ(r.status, 0) << c.name << ": " << r.err;
+        std::vector<long long> fired;
+        for (const auto& s : jsonLines(r.out)) {
+            if (s["event"] != "timeout") continue;
+            fired.push_back(s["at_ms"].asInt64());
+            EXPECT_EQ(s["to"]["state"], "run") << c.name;
+        }
+        EXPECT_EQ(fired, c.firedAt) << c.name;
+    }
+}
+
+TEST(Simulate, RecordsWithoutTouchingTheMachine) {
+    TempRoot root;
+    const std::string node = root.write("node", "old\n");
+    const std::string marker = root / "program-ran";
+    const std::string doc = R"({"parser":"v1.0","version":"v1","applications":{"com.a":{"action":{
+        "run":{"policy":[
+          {"method":"xfs","path":")" +
+                            node + R"(","type":"string","value":"new"},
+          {"method":"xfs","path":")" +
+                            root.path() + R"(/missing","type":"string","value":"1"},
+          {"method":"prop","path":"vendor.sim","type":"var","value":"PID"},
+          {"method":"orv_ioctl","path":"/dev/orv_nowhere","cmd":3,"value":"on"},
+          {"method":"program","path":"/usr/bin/touch","type":"string","value":")" +
+                            marker + R"("}]}}}}})";
+    root.write("plain.json", doc);
+    ASSERT_EQ(
+        runTool(root, "orvpolicy",
+                "protect " + shellQuote(root / "plain.json") + " " + shellQuote(root / "protected"))
+            .status,
+        0);
+    root.write("t.trace", "start 42 com.a\ndisplayed 42 com.a\n");
+    ToolResult r = runTool(root, "orvpolicy",
+                           "simulate --strict-paths " + shellQuote(root / "protected") + " " +
+                               shellQuote(root / "t.trace"));
+    ASSERT_EQ(r.status, 0) << r.err;
+    for (const std::string& line : std::vector<std::string>{
+             "  runs com.a.action.run.policy\n",
+             "    " + node + ": old -> new\n",
+             "    error: cannot open \"" + root.path() +
+                 "/missing\" (errno=2) @com.a.action.run.policy[1]xfs\n",
+             "    prop vendor.sim: (unset) -> 42\n",
+             "    ioctl /dev/orv_nowhere 0x40047803 {path:/dev/orv_nowhere cmd:3 value:on} "
+             "(recorded, not performed)\n",
+             "    program /usr/bin/touch " + marker + " (recorded, not run)\n",
+         })
+        EXPECT_NE(r.out.find(line), std::string::npos) << line << "in\n" << r.out;
+    EXPECT_EQ(readFile(node), "old\n");
+    EXPECT_EQ(access(marker.c_str(), F_OK), -1);
+    EXPECT_EQ(access((root / "dev/__properties__/vendor.sim").c_str(), F_OK), -1);
+}

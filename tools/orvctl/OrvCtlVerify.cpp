@@ -1,0 +1,132 @@
+#include "tools/orvctl/OrvCtlVerify.h"
+
+#include <cutils/properties.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <map>
+
+#include "daemon/core/OrvDevicePath.h"
+#include "scenario/OrvState.h"
+#include "tools/orvctl/OrvCtlApp.h"
+#include "tools/sim/OrvSimulator.h"
+
+namespace {
+
+// "   Name      : value" of the dump's context section.
+std::string dumpField(const std::string& dump, const std::string& name) {
+    size_t at = dump.find("   " + name);
+    if (at == std::string::npos) return "";
+    at = dump.find(": ", at);
+    if (at == std::string::npos) return "";
+    at += 2;
+    return dump.substr(at, dump.find('\n', at) - at);
+}
+
+std::string liveNode(const std::string& path) {
+    std::string value;
+    FILE* f = fopen(path.c_str(), "r");
+    if (!f) return "(cannot read)";
+    char buf[4096];
+    size_t n = fread(buf, 1, sizeof(buf), f);
+    fclose(f);
+    value.assign(buf, n);
+    if (!value.empty() && value.back() == '\n') value.pop_back();
+    return value;
+}
+
+std::string liveProperty(const std::string& name) {
+    char value[PROPERTY_VALUE_MAX + 1] = {};
+    property_get(name.c_str(), value, "");
+    return value;
+}
+
+}  // namespace
+
+std::vector<std::vector<std::string>> OrvCtlVerify::pathTo(const std::string& app,
+                                                           const std::string& state, int pid,
+                                                           int glTid) {
+    std::vector<std::vector<std::string>> steps;
+    if (app.empty()) return steps;
+    const std::string p = std::to_string(pid);
+    if (state == "launch") return {{"launch", app}};
+    steps.push_back({"proc-start", p, app});
+    if (glTid >= 0) steps.push_back({"gl-attach", p, std::to_string(glTid)});
+    steps.push_back({"start", p, app});
+    if (state == "start") return steps;
+    steps.push_back({"displayed", p, app});
+    static const std::map<std::string, std::vector<std::string>> kEntry = {
+        {"listview_scroll", {"list", "scroll"}}, {"listview_fling", {"list", "fling"}},
+        {"scale", {"scale", "start"}},           {"rotate", {"rotate", "start"}},
+        {"gesture_down", {"gesture", "down"}},   {"gesture_press", {"gesture", "press"}},
+        {"gesture_tap", {"gesture", "tap"}},     {"gesture_scroll", {"gesture", "scroll"}},
+        {"gesture_fling", {"gesture", "fling"}}, {"gesture_long_press", {"gesture", "long-press"}},
+    };
+    auto it = kEntry.find(state);
+    if (it != kEntry.end()) {
+        std::vector<std::string> words = it->second;
+        if (state != "rotate") words.push_back(p);
+        steps.push_back(words);
+    }
+    return steps;
+}
+
+int OrvCtlVerify::run(const std::vector<std::string>& args) {
+    if (args.size() > 1) {
+        fprintf(stderr, "orvctl: usage: verify [POLICY]\n");
+        return OrvCtlApp::EXIT_USAGE;
+    }
+    std::string policy;
+    if (!args.empty()) {
+        policy = args[0];
+    } else {
+        // Where orvd itself looks, in its order.
+        policy = OrvDevicePath("/data/orvpolicy");
+        if (access(policy.c_str(), R_OK) != 0) policy = OrvDevicePath("/system/etc/orvpolicy");
+    }
+    std::string dump;
+    int status = mApp.query(900, "", dump);
+    if (status != OrvCtlApp::EXIT_OK) return status;
+    const std::string app = dumpField(dump, "App"), state = dumpField(dump, "State");
+    const int pid = atoi(dumpField(dump, "PID").c_str());
+    const int glTid = atoi(dumpField(dump, "GLTID").c_str());
+
+    // Nodes this device lacks fail in the simulation as they did in orvd: not compared.
+    OrvSimulator sim(true);
+    OrvSimulator::Step first;
+    std::string error;
+    if (!sim.start(policy, first, error)) {
+        fprintf(stderr, "orvctl: verify: %s: %s\n", policy.c_str(), error.c_str());
+        return OrvCtlApp::EXIT_REFUSED;
+    }
+    for (const auto& words : pathTo(app, state, pid, glTid)) {
+        OrvCtlCommand cmd;
+        if (OrvCtlCommand::parse(words, true, cmd, error)) sim.run(cmd, words[0]);
+    }
+    const std::string where = app.empty() ? "reset" : app + " in " + state;
+    if (sim.context().mAppName != app || state != sim.context().mState->getStateNameStr())
+        fprintf(stderr, "orvctl: verify: the policy does not lead to %s; compared with %s %s\n",
+                where.c_str(), sim.context().mAppName.c_str(),
+                sim.context().mState->getStateNameStr());
+
+    int compared = 0, differ = 0;
+    auto compare = [&](const std::map<std::string, OrvVirtualDevice::Entry>& entries, bool prop) {
+        for (const auto& kv : entries) {
+            if (!kv.second.written) continue;
+            ++compared;
+            const std::string live = prop ? liveProperty(kv.first) : liveNode(kv.first);
+            if (live == kv.second.value) continue;
+            ++differ;
+            printf("%s%s: the policy wants \"%s\", the device has \"%s\"\n", prop ? "prop " : "",
+                   kv.first.c_str(), kv.second.value.c_str(), live.c_str());
+        }
+    };
+    compare(sim.device().nodes(), false);
+    compare(sim.device().properties(), true);
+    if (differ == 0) {
+        printf("%d values as the policy wants them for %s\n", compared, where.c_str());
+        return OrvCtlApp::EXIT_OK;
+    }
+    printf("%d of %d values differ from the policy for %s\n", differ, compared, where.c_str());
+    return 1;
+}

@@ -1,0 +1,78 @@
+#include "tools/orvpolicy/OrvPolicyRestore.h"
+
+#include "tools/orvpolicy/OrvPolicyChecker.h"
+
+void OrvPolicyRestore::targets(const Json::Value& set, std::set<std::string>& out,
+                               std::set<std::string>& seenGroups) const {
+    if (!set.isArray()) return;
+    const Json::Value& groups = mRoot["policy_group"];
+    for (const auto& m : set) {
+        if (!m.isObject() || !m["method"].isString() || !m["path"].isString()) continue;
+        const std::string method = m["method"].asString(), path = m["path"].asString();
+        if (method == "xfs" || method == "prop") {
+            out.insert(method + " " + path);
+        } else if (method == "group" && groups.isObject() && groups.isMember(path) &&
+                   seenGroups.insert(path).second) {
+            targets(groups[path], out, seenGroups);
+        }
+    }
+}
+
+std::set<std::string> OrvPolicyRestore::targets(const Json::Value* set) const {
+    std::set<std::string> out, seen;
+    if (set) targets(*set, out, seen);
+    return out;
+}
+
+const Json::Value* OrvPolicyRestore::resolve(const std::string& app, const std::string& state,
+                                             const char* key) const {
+    const Json::Value& apps = mRoot["applications"];
+    std::string at = app;
+    for (int hop = 0; hop < 16 && apps.isObject() && apps[at].isObject(); ++hop) {
+        const Json::Value& action = apps[at]["action"];
+        if (!action.isObject()) return nullptr;
+        if (action[state].isObject() && action[state].isMember(key)) return &action[state][key];
+        if (!action["reference"].isString()) return nullptr;
+        at = action["reference"].asString();
+    }
+    return nullptr;
+}
+
+void OrvPolicyRestore::run() {
+    const Json::Value& apps = mRoot["applications"];
+    if (!apps.isObject()) return;
+    const Json::Value& def = mRoot["default"];
+    const Json::Value* reset =
+        def.isObject() && def["action"].isObject() && def["action"]["reset"].isObject()
+            ? &def["action"]["reset"]["policy"]
+            : nullptr;
+    for (const auto& app : apps.getMemberNames()) {
+        const Json::Value& action = apps[app].isObject() ? apps[app]["action"] : Json::nullValue;
+        if (!action.isObject()) continue;
+        // Only the application's own states: one that borrows them is judged at the lender.
+        for (const auto& state : action.getMemberNames()) {
+            if (!OrvPolicyChecker::isStateName(state) || state == "reset" ||
+                !action[state].isObject())
+                continue;
+            // Leaving run means leaving the application; every other state returns to run.
+            std::set<std::string> restoring = targets(resolve(app, state, "on_exit"));
+            std::string where = app + ".action." + state + ".on_exit";
+            const std::string other =
+                state == "run" ? "default.action.reset.policy" : app + ".action.run";
+            std::set<std::string> more =
+                state == "run" ? targets(reset) : targets(resolve(app, "run", "policy"));
+            if (state != "run")
+                for (const auto& t : targets(resolve(app, "run", "on_enter"))) more.insert(t);
+            restoring.insert(more.begin(), more.end());
+            for (const char* key : {"on_enter", "policy"}) {
+                if (!action[state].isMember(key)) continue;
+                for (const auto& t : targets(&action[state][key])) {
+                    if (restoring.count(t)) continue;
+                    mReport.warning(app + ".action." + state + "." + key,
+                                    "writes " + t + " and nothing sets it back: neither " + where +
+                                        " nor " + other + " writes it");
+                }
+            }
+        }
+    }
+}
