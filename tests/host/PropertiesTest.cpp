@@ -1,5 +1,7 @@
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
@@ -91,8 +93,39 @@ TEST(Properties, SetIsAtomicForConcurrentReaders) {
     reader.join();
     EXPECT_EQ(0, torn.load());
     EXPECT_GT(reads.load(), 0);
-    std::filesystem::directory_iterator it(root / "dev/__properties__"), end;
-    EXPECT_EQ(1, std::distance(it, end)) << "no temporary files left behind";
+    for (const auto& entry : std::filesystem::directory_iterator(root / "dev/__properties__"))
+        EXPECT_NE(0u, entry.path().filename().string().rfind(".set.", 0))
+            << "temporary file left behind: " << entry.path();
+}
+
+// Readers keep values between sets; every way a value can change under them must still show.
+TEST(Properties, ReadsFollowSetsFromAnyProcessAndAFreshStore) {
+    orvtest::TempRoot root;
+    EXPECT_EQ("absent", get("cache.prop", "absent"));
+    ASSERT_EQ(0, property_set("cache.prop", "1"));
+    EXPECT_EQ("1", get("cache.prop"));
+    EXPECT_EQ("1", get("cache.prop")) << "an unchanged value reads the same";
+
+    pid_t child = fork();
+    if (child == 0) _exit(property_set("cache.prop", "from-child") == 0 ? 0 : 1);
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_EQ(0, status);
+    EXPECT_EQ("from-child", get("cache.prop")) << "a set in another process";
+
+    // The whole store removed and made again, its counter starting over.
+    std::filesystem::remove_all(root / "dev/__properties__");
+    EXPECT_EQ("gone", get("cache.prop", "gone"));
+    ASSERT_EQ(0, property_set("other.prop", "x"));
+    EXPECT_EQ("gone", get("cache.prop", "gone"));
+    ASSERT_EQ(0, property_set("cache.prop", "2"));
+    EXPECT_EQ("2", get("cache.prop"));
+
+    // Another root is another store.
+    orvtest::TempRoot second;
+    EXPECT_EQ("none", get("cache.prop", "none"));
+    ASSERT_EQ(0, property_set("cache.prop", "3"));
+    EXPECT_EQ("3", get("cache.prop"));
 }
 
 }  // namespace

@@ -6,11 +6,13 @@
 #include <orvhost/host.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <mutex>
 #include <string>
+#include <unordered_map>
 
 #include "HostInternal.h"
 
@@ -62,11 +64,117 @@ int readValue(const std::string& path, char* out) {
 // Serialises the "ro." check with the write inside this process.
 std::mutex gSetLock;
 
+// Every set bumps a 64-bit counter in the store's ".serial" file (its leading dot is no valid
+// property name), mapped shared by every process that reads. A reader keeps the values it has
+// read and re-reads only after the counter moved, so an unchanged property costs no open().
+const char kSerialName[] = "/.serial";
+const size_t kSerialSize = sizeof(uint64_t);
+
+struct CachedValue {
+    uint64_t serial;
+    int len;  // -1: no value
+    char value[PROPERTY_VALUE_MAX];
+};
+
+struct ReadCache {
+    std::mutex lock;
+    std::string dir;  // the store the mapping and the values belong to
+    int fd = -1;
+    const uint64_t* serial = nullptr;
+    std::unordered_map<std::string, CachedValue> values;
+
+    void unmap() {
+        if (serial) munmap(const_cast<uint64_t*>(serial), kSerialSize);
+        if (fd >= 0) close(fd);
+        serial = nullptr;
+        fd = -1;
+        values.clear();
+    }
+
+    // The counter of `storeDir`, mapped on first use; false while there is none. A counter
+    // whose file was removed (the store deleted under us) is dropped with every value read.
+    bool current(const std::string& storeDir, uint64_t* out) {
+        if (storeDir != dir || (serial && !stillLinked())) {
+            unmap();
+            dir = storeDir;
+        }
+        if (!serial) map();
+        if (!serial) return false;
+        *out = __atomic_load_n(serial, __ATOMIC_ACQUIRE);
+        return true;
+    }
+
+  private:
+    bool stillLinked() const {
+        struct stat st;
+        return fstat(fd, &st) == 0 && st.st_nlink > 0;
+    }
+    void map() {
+        fd = open((dir + kSerialName).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+        if (fd < 0) return;
+        struct stat st;
+        void* p = MAP_FAILED;
+        if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+            st.st_size >= static_cast<off_t>(kSerialSize)) {
+            p = mmap(nullptr, kSerialSize, PROT_READ, MAP_SHARED, fd, 0);
+        }
+        if (p == MAP_FAILED) {
+            close(fd);
+            fd = -1;
+            return;
+        }
+        serial = static_cast<const uint64_t*>(p);
+    }
+};
+
+// Never destroyed: threads may still read while the process exits.
+ReadCache& readCache() {
+    static ReadCache* cache = new ReadCache;
+    return *cache;
+}
+
+// Called after the new value is in place, so a reader that sees the new count reads it.
+void bumpSerial(const std::string& dir) {
+    int fd = open((dir + kSerialName).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+    if (fd < 0) return;
+    struct stat st;
+    void* p = MAP_FAILED;
+    // Growing is idempotent, so setters racing to create the file cannot clear a count.
+    if (fstat(fd, &st) == 0 &&
+        (st.st_size >= static_cast<off_t>(kSerialSize) || ftruncate(fd, kSerialSize) == 0)) {
+        p = mmap(nullptr, kSerialSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    }
+    close(fd);
+    if (p == MAP_FAILED) return;
+    __atomic_add_fetch(static_cast<uint64_t*>(p), 1, __ATOMIC_RELEASE);
+    munmap(p, kSerialSize);
+}
+
+// A stored value as readValue gives it, from the cache while the store's counter stands still.
+int readStored(const char* key, char* out) {
+    const std::string dir = storeDir();
+    const std::string path = dir + "/" + key;
+    ReadCache& cache = readCache();
+    std::lock_guard<std::mutex> lock(cache.lock);
+    uint64_t serial;
+    if (!cache.current(dir, &serial)) return readValue(path, out);
+    auto it = cache.values.find(key);
+    if (it == cache.values.end() || it->second.serial != serial) {
+        // The count is taken before the read: a set racing with it moves the count again.
+        CachedValue fresh;
+        fresh.serial = serial;
+        fresh.len = readValue(path, fresh.value);
+        it = cache.values.insert_or_assign(key, fresh).first;
+    }
+    if (it->second.len >= 0) memcpy(out, it->second.value, it->second.len + 1);
+    return it->second.len;
+}
+
 }  // namespace
 
 extern "C" int property_get(const char* key, char* value, const char* default_value) {
     if (!value) return 0;
-    int len = validName(key) ? readValue(storeDir() + "/" + key, value) : -1;
+    int len = validName(key) ? readStored(key, value) : -1;
     if (len > 0) return len;
     if (!default_value) {
         value[0] = '\0';
@@ -102,7 +210,10 @@ extern "C" int property_set(const char* key, const char* value) {
     if (fd < 0) return -1;
     bool ok = fchmod(fd, 0644) == 0 && orvhost::writeAll(fd, value, len);
     ok = close(fd) == 0 && ok;
-    if (ok && rename(tmp.c_str(), path.c_str()) == 0) return 0;
+    if (ok && rename(tmp.c_str(), path.c_str()) == 0) {
+        bumpSerial(dir);
+        return 0;
+    }
     unlink(tmp.c_str());
     return -1;
 }
