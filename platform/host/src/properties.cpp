@@ -76,88 +76,93 @@ struct CachedValue {
     char value[PROPERTY_VALUE_MAX];
 };
 
-struct ReadCache {
+// The store's counter, mapped once per process (writable where the file allows it), and the
+// values this process has read.
+struct SerialStore {
     std::mutex lock;
     std::string dir;  // the store the mapping and the values belong to
     int fd = -1;
-    const uint64_t* serial = nullptr;
+    uint64_t* serial = nullptr;
+    bool writable = false;
     std::unordered_map<std::string, CachedValue> values;
 
+    // The counter of `storeDir`, mapped on first use; null while there is none. A setter
+    // (`create`) makes the file and needs it writable. A counter whose file was removed (the
+    // store deleted under us) is dropped with every value read.
+    uint64_t* counter(const std::string& storeDir, bool create) {
+        if (storeDir != dir || (serial && !stillLinked()) || (create && serial && !writable)) {
+            unmap();
+            dir = storeDir;
+        }
+        if (!serial) map(create);
+        return serial;
+    }
+
+  private:
     void unmap() {
-        if (serial) munmap(const_cast<uint64_t*>(serial), kSerialSize);
+        if (serial) munmap(serial, kSerialSize);
         if (fd >= 0) close(fd);
         serial = nullptr;
         fd = -1;
         values.clear();
     }
-
-    // The counter of `storeDir`, mapped on first use; false while there is none. A counter
-    // whose file was removed (the store deleted under us) is dropped with every value read.
-    bool current(const std::string& storeDir, uint64_t* out) {
-        if (storeDir != dir || (serial && !stillLinked())) {
-            unmap();
-            dir = storeDir;
-        }
-        if (!serial) map();
-        if (!serial) return false;
-        *out = __atomic_load_n(serial, __ATOMIC_ACQUIRE);
-        return true;
-    }
-
-  private:
     bool stillLinked() const {
         struct stat st;
         return fstat(fd, &st) == 0 && st.st_nlink > 0;
     }
-    void map() {
-        fd = open((dir + kSerialName).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    void map(bool create) {
+        const std::string path = dir + kSerialName;
+        const int flags = O_CLOEXEC | O_NOFOLLOW;
+        writable = true;
+        fd = open(path.c_str(), O_RDWR | flags | (create ? O_CREAT : 0), 0644);
+        if (fd < 0 && !create) {
+            writable = false;
+            fd = open(path.c_str(), O_RDONLY | flags);
+        }
         if (fd < 0) return;
         struct stat st;
         void* p = MAP_FAILED;
-        if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
-            st.st_size >= static_cast<off_t>(kSerialSize)) {
-            p = mmap(nullptr, kSerialSize, PROT_READ, MAP_SHARED, fd, 0);
+        // Growing is idempotent, so setters racing to create the file cannot clear a count.
+        bool sized = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+                     (st.st_size >= static_cast<off_t>(kSerialSize) ||
+                      (create && ftruncate(fd, kSerialSize) == 0));
+        if (sized) {
+            p = mmap(nullptr, kSerialSize, writable ? PROT_READ | PROT_WRITE : PROT_READ,
+                     MAP_SHARED, fd, 0);
         }
         if (p == MAP_FAILED) {
             close(fd);
             fd = -1;
             return;
         }
-        serial = static_cast<const uint64_t*>(p);
+        serial = static_cast<uint64_t*>(p);
     }
 };
 
 // Never destroyed: threads may still read while the process exits.
-ReadCache& readCache() {
-    static ReadCache* cache = new ReadCache;
-    return *cache;
+SerialStore& serialStore() {
+    static SerialStore* store = new SerialStore;
+    return *store;
 }
 
 // Called after the new value is in place, so a reader that sees the new count reads it.
 void bumpSerial(const std::string& dir) {
-    int fd = open((dir + kSerialName).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
-    if (fd < 0) return;
-    struct stat st;
-    void* p = MAP_FAILED;
-    // Growing is idempotent, so setters racing to create the file cannot clear a count.
-    if (fstat(fd, &st) == 0 &&
-        (st.st_size >= static_cast<off_t>(kSerialSize) || ftruncate(fd, kSerialSize) == 0)) {
-        p = mmap(nullptr, kSerialSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    SerialStore& store = serialStore();
+    std::lock_guard<std::mutex> lock(store.lock);
+    if (uint64_t* serial = store.counter(dir, true)) {
+        __atomic_add_fetch(serial, 1, __ATOMIC_RELEASE);
     }
-    close(fd);
-    if (p == MAP_FAILED) return;
-    __atomic_add_fetch(static_cast<uint64_t*>(p), 1, __ATOMIC_RELEASE);
-    munmap(p, kSerialSize);
 }
 
 // A stored value as readValue gives it, from the cache while the store's counter stands still.
 int readStored(const char* key, char* out) {
     const std::string dir = storeDir();
     const std::string path = dir + "/" + key;
-    ReadCache& cache = readCache();
+    SerialStore& cache = serialStore();
     std::lock_guard<std::mutex> lock(cache.lock);
-    uint64_t serial;
-    if (!cache.current(dir, &serial)) return readValue(path, out);
+    const uint64_t* counter = cache.counter(dir, false);
+    if (!counter) return readValue(path, out);
+    const uint64_t serial = __atomic_load_n(counter, __ATOMIC_ACQUIRE);
     auto it = cache.values.find(key);
     if (it == cache.values.end() || it->second.serial != serial) {
         // The count is taken before the read: a set racing with it moves the count again.
