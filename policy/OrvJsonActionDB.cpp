@@ -83,7 +83,8 @@ OrvJsonActionDB* OrvJsonActionDB::createDB(const char* path, bool encrypted) {
     }
     Json::Value* root = new Json::Value();
     Json::Reader reader;
-    if (!reader.parse(text, *root, true)) {
+    // The pointer form parses the text where it is; the string form would copy it first.
+    if (!reader.parse(text.data(), text.data() + text.size(), *root, true)) {
         ALOGE("Failed to parse %s %s:\n%s", path, stage, reader.getFormattedErrorMessages().c_str());
         delete root;
         return nullptr;
