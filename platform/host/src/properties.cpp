@@ -157,18 +157,17 @@ void bumpSerial(const std::string& dir) {
 // A stored value as readValue gives it, from the cache while the store's counter stands still.
 int readStored(const char* key, char* out) {
     const std::string dir = storeDir();
-    const std::string path = dir + "/" + key;
     SerialStore& cache = serialStore();
     std::lock_guard<std::mutex> lock(cache.lock);
     const uint64_t* counter = cache.counter(dir, false);
-    if (!counter) return readValue(path, out);
+    if (!counter) return readValue(dir + "/" + key, out);
     const uint64_t serial = __atomic_load_n(counter, __ATOMIC_ACQUIRE);
     auto it = cache.values.find(key);
     if (it == cache.values.end() || it->second.serial != serial) {
         // The count is taken before the read: a set racing with it moves the count again.
         CachedValue fresh;
         fresh.serial = serial;
-        fresh.len = readValue(path, fresh.value);
+        fresh.len = readValue(dir + "/" + key, fresh.value);
         it = cache.values.insert_or_assign(key, fresh).first;
     }
     if (it->second.len >= 0) memcpy(out, it->second.value, it->second.len + 1);
