@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -69,7 +70,8 @@ long long E2eServer::start() {
             break;
         }
         if (e2eNowNs() - t0 > 30000000000LL) break;
-        if (read(in, events, sizeof(events)) < 0 && errno != EINTR) break;
+        pollfd p = {in, POLLIN, 0};
+        if (poll(&p, 1, 1000) > 0 && read(in, events, sizeof(events)) < 0 && errno != EINTR) break;
     }
     close(in);
     if (elapsed < 0) fprintf(stderr, "bench: %s did not start\n", mLabel.c_str());
