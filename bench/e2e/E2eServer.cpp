@@ -1,5 +1,6 @@
 #include "E2eServer.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -16,7 +17,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
 
 #include "E2eClock.h"
 
@@ -136,15 +136,19 @@ long E2eServer::rssKb() const {
     return -1;
 }
 
+// Nanoseconds on a CPU, summed over the threads (schedstat's first field); the tick-based
+// times of /proc/PID/stat are too coarse for a few thousand events.
 long long E2eServer::cpuNs() const {
-    std::ifstream in("/proc/" + std::to_string(mPid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    size_t paren = text.rfind(')');
-    if (paren == std::string::npos) return -1;
-    std::istringstream fields(text.substr(paren + 2));
-    std::string skip;
-    for (int i = 3; i < 14; ++i) fields >> skip;  // state .. cmajflt
-    long long utime = 0, stime = 0;
-    fields >> utime >> stime;
-    return (utime + stime) * (1000000000LL / sysconf(_SC_CLK_TCK));
+    const std::string dir = "/proc/" + std::to_string(mPid) + "/task";
+    DIR* tasks = opendir(dir.c_str());
+    if (!tasks) return -1;
+    long long total = 0;
+    while (dirent* e = readdir(tasks)) {
+        if (e->d_name[0] == '.') continue;
+        std::ifstream in(dir + "/" + e->d_name + "/schedstat");
+        long long ns = 0;
+        if (in >> ns) total += ns;
+    }
+    closedir(tasks);
+    return total;
 }

@@ -21,7 +21,7 @@ class E2eServer {
     bool sync();
 
     long rssKb() const;
-    // User plus system CPU time of the process so far, in nanoseconds.
+    // CPU time of all the process's threads so far, in nanoseconds.
     long long cpuNs() const;
 
     const std::string& label() const { return mLabel; }

@@ -123,49 +123,64 @@ bool prepare(Subject& s, bool isOrvd) {
     return s.server->sendAll(setup) && s.effect->waitFor('1');
 }
 
-bool latencyBlock(Subject& s, int events, Stats& out) {
-    for (int i = 0; i < events; ++i) {
-        int type = (i % 2 == 0) ? 1 : 0;  // scroll, then idle back to run
-        std::string f = listView(type);
-        long long t0 = e2eNowNs();
-        if (!s.server->sendAll(f) || !s.effect->waitFor(type == 1 ? '2' : '1')) return false;
-        out.v.push_back(static_cast<double>(e2eNowNs() - t0) / 1000.0);
-    }
-    s.events += events;
-    return true;
-}
-
-// `events` state changes written back to back, ended by a fling whose write marks the end.
-// CPU time is read in clock ticks, so it is summed over every block rather than taken per block.
+// CPU time of the server over a measurement, summed over its blocks.
 struct CpuTotal {
     long long ns = 0;
     long events = 0;
     double perEventUs() const { return events ? ns / 1000.0 / static_cast<double>(events) : 0; }
 };
 
+// One side's figures of one measurement.
+struct Side {
+    Stats stats;
+    CpuTotal cpu;
+};
+
+void printCpu(const char* what, const Side sides[2]) {
+    double o = sides[0].cpu.perEventUs(), b = sides[1].cpu.perEventUs();
+    printf("%-34s us    orvd %9.2f | base %9.2f | ratio %.2f\n", what, o, b, b > 0 ? o / b : 0);
+}
+
+bool latencyBlock(Subject& s, int events, Side& out) {
+    long long c0 = s.server->cpuNs();
+    for (int i = 0; i < events; ++i) {
+        int type = (i % 2 == 0) ? 1 : 0;  // scroll, then idle back to run
+        std::string f = listView(type);
+        long long t0 = e2eNowNs();
+        if (!s.server->sendAll(f) || !s.effect->waitFor(type == 1 ? '2' : '1')) return false;
+        out.stats.v.push_back(static_cast<double>(e2eNowNs() - t0) / 1000.0);
+    }
+    out.cpu.ns += s.server->cpuNs() - c0;
+    out.cpu.events += events;
+    s.events += events;
+    return true;
+}
+
 // `events` state changes written back to back, ended by a fling whose write marks the end.
-bool pipelineBlock(Subject& s, int events, Stats& rate, CpuTotal& cpu) {
+bool pipelineBlock(Subject& s, int events, Side& out) {
     std::string batch;
     for (int i = 0; i < events; ++i) batch += listView(i % 2 == 0 ? 1 : 0);
     batch += listView(2);
     long long c0 = s.server->cpuNs(), t0 = e2eNowNs();
     if (!s.server->sendAll(batch) || !s.effect->waitFor('3')) return false;
     long long t = e2eNowNs() - t0;
-    cpu.ns += s.server->cpuNs() - c0;
-    cpu.events += events + 1;
-    rate.v.push_back((events + 1) * 1e6 / static_cast<double>(t));
+    out.cpu.ns += s.server->cpuNs() - c0;
+    out.cpu.events += events + 1;
+    out.stats.v.push_back((events + 1) * 1e6 / static_cast<double>(t));
     s.events += events + 2;
     return s.server->sendAll(listView(0)) && s.effect->waitFor('1');
 }
 
 // Frames that change nothing: a process start for a pid that is already known.
-bool framingBlock(Subject& s, int count, Stats& rate) {
+bool framingBlock(Subject& s, int count, Side& out) {
     std::string one = frame(1, std::to_string(kPid) + ";" + kApp), batch;
     batch.reserve(one.size() * static_cast<size_t>(count));
     for (int i = 0; i < count; ++i) batch += one;
-    long long t0 = e2eNowNs();
+    long long c0 = s.server->cpuNs(), t0 = e2eNowNs();
     if (!s.server->sendAll(batch) || !s.server->sync()) return false;
-    rate.v.push_back(count * 1e6 / static_cast<double>(e2eNowNs() - t0));
+    out.stats.v.push_back(count * 1e6 / static_cast<double>(e2eNowNs() - t0));
+    out.cpu.ns += s.server->cpuNs() - c0;
+    out.cpu.events += count;
     return true;
 }
 
@@ -195,33 +210,30 @@ int runEvents(const Options& opt, const Sizes& z, const std::string& tmp) {
     if (!prepare(subj[0], true) || !prepare(subj[1], false)) return 1;
     long rssStart[2] = {subj[0].server->rssKb(), subj[1].server->rssKb()};
 
-    Stats lat[2], rate[2], frames[2];
-    CpuTotal cpu[2];
+    Side lat[2], pipe[2], frames[2];
     for (int b = 0; b < z.latencyBlocks; ++b)
         for (int k = 0; k < 2; ++k)
             if (!latencyBlock(subj[(b + k) % 2], z.latencyEvents, lat[(b + k) % 2])) return 1;
-    printRow("event -> effect latency", "us", lat[0], lat[1]);
+    printRow("event -> effect latency", "us", lat[0].stats, lat[1].stats);
+    printCpu("CPU per event (latency run)", lat);
 
     for (int b = 0; b < z.pipeBlocks; ++b)
         for (int k = 0; k < 2; ++k)
-            if (!pipelineBlock(subj[(b + k) % 2], z.pipeEvents, rate[(b + k) % 2], cpu[(b + k) % 2]))
-                return 1;
-    printRow("pipelined state changes", "k/s", rate[0], rate[1]);
-    printf("%-34s us    orvd %9.2f | base %9.2f | ratio %.2f\n", "CPU per pipelined event",
-           cpu[0].perEventUs(), cpu[1].perEventUs(),
-           cpu[1].perEventUs() > 0 ? cpu[0].perEventUs() / cpu[1].perEventUs() : 0);
+            if (!pipelineBlock(subj[(b + k) % 2], z.pipeEvents, pipe[(b + k) % 2])) return 1;
+    printRow("pipelined state changes", "k/s", pipe[0].stats, pipe[1].stats);
+    printCpu("CPU per pipelined event", pipe);
 
     for (int b = 0; b < z.frameBlocks; ++b)
         for (int k = 0; k < 2; ++k)
             if (!framingBlock(subj[(b + k) % 2], z.frameCount, frames[(b + k) % 2])) return 1;
-    printRow("framing + dispatch (no change)", "k/s", frames[0], frames[1]);
+    printRow("framing + dispatch (no change)", "k/s", frames[0].stats, frames[1].stats);
+    printCpu("CPU per frame", frames);
 
     // Top up to the event count at which memory is compared.
     for (Subject& s : subj) {
-        Stats r;
-        CpuTotal c;
+        Side ignored;
         while (s.events < z.rssEvents)
-            if (!pipelineBlock(s, std::min(20000L, z.rssEvents - s.events), r, c)) return 1;
+            if (!pipelineBlock(s, std::min(20000L, z.rssEvents - s.events), ignored)) return 1;
     }
     printf("%-34s orvd %ld kB after start, %ld kB after %ld events | base %ld kB, %ld kB\n", "RSS",
            rssStart[0], subj[0].server->rssKb(), subj[0].events, rssStart[1],
