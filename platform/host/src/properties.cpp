@@ -8,6 +8,7 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <mutex>
@@ -88,9 +89,12 @@ struct SerialStore {
 
     // The counter of `storeDir`, mapped on first use; null while there is none. A setter
     // (`create`) makes the file and needs it writable. A counter whose file was removed (the
-    // store deleted under us) is dropped with every value read.
+    // store deleted under us) is dropped with every value read: at once by a setter, within
+    // kRecheckMs by a reader, which must not pay a system call on every read.
     uint64_t* counter(const std::string& storeDir, bool create) {
-        if (storeDir != dir || (serial && !stillLinked()) || (create && serial && !writable)) {
+        bool recheck = create || serial == nullptr || dueForRecheck();
+        if (storeDir != dir || (serial && recheck && !stillLinked()) ||
+            (create && serial && !writable)) {
             unmap();
             dir = storeDir;
         }
@@ -99,6 +103,17 @@ struct SerialStore {
     }
 
   private:
+    static constexpr long long kRecheckMs = 100;
+    long long checkedMs = 0;
+
+    bool dueForRecheck() {
+        struct timespec now;
+        clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+        long long ms = now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+        if (ms - checkedMs < kRecheckMs) return false;
+        checkedMs = ms;
+        return true;
+    }
     void unmap() {
         if (serial) munmap(serial, kSerialSize);
         if (fd >= 0) close(fd);
