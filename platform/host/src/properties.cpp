@@ -88,9 +88,9 @@ struct SerialStore {
     std::unordered_map<std::string, CachedValue> values;
 
     // The counter of `storeDir`, mapped on first use; null while there is none. A setter
-    // (`create`) makes the file and needs it writable. A counter whose file was removed (the
-    // store deleted under us) is dropped with every value read: at once by a setter, within
-    // kRecheckMs by a reader, which must not pay a system call on every read.
+    // (`create`) makes the file and needs it writable. A counter whose file was removed or
+    // replaced (the store deleted or moved under us) is dropped with every value read: at once
+    // by a setter, within kRecheckMs by a reader, which must not pay a system call per read.
     uint64_t* counter(const std::string& storeDir, bool create) {
         bool recheck = create || serial == nullptr || dueForRecheck();
         if (storeDir != dir || (serial && recheck && !stillLinked()) ||
@@ -121,9 +121,12 @@ struct SerialStore {
         fd = -1;
         values.clear();
     }
+    // The mapped file is still the one the store's path names (not removed, not replaced). The
+    // mapping keeps its inode alive, so a new file cannot reuse its number.
     bool stillLinked() const {
         struct stat st;
-        return fstat(fd, &st) == 0 && st.st_nlink > 0;
+        return stat((dir + kSerialName).c_str(), &st) == 0 && st.st_dev == mappedDev &&
+               st.st_ino == mappedIno;
     }
     void map(bool create) {
         const std::string path = dir + kSerialName;
@@ -151,7 +154,11 @@ struct SerialStore {
             return;
         }
         serial = static_cast<uint64_t*>(p);
+        mappedDev = st.st_dev;
+        mappedIno = st.st_ino;
     }
+    dev_t mappedDev = 0;
+    ino_t mappedIno = 0;
 };
 
 // Never destroyed: threads may still read while the process exits.
