@@ -225,14 +225,19 @@ extern "C" int property_set(const char* key, const char* value) {
         char old[PROPERTY_VALUE_MAX];
         if (readValue(path, old) > 0) return -1;
     }
-    if (!orvhost::makeDirs(dir)) {
-        ALOGE("cannot create the property store %s (%s)", dir.c_str(), strerror(errno));
-        return -1;
-    }
     // A temporary file in the same directory (its leading dot is no valid property name), then
-    // rename: readers see the old value or the new one, never a part.
+    // rename: readers see the old value or the new one, never a part. The store is made only
+    // when the file cannot be, which spares every later set the walk down its path.
     std::string tmp = dir + "/.set.XXXXXX";
     int fd = mkostemp(&tmp[0], O_CLOEXEC);
+    if (fd < 0) {
+        if (!orvhost::makeDirs(dir)) {
+            ALOGE("cannot create the property store %s (%s)", dir.c_str(), strerror(errno));
+            return -1;
+        }
+        tmp = dir + "/.set.XXXXXX";
+        fd = mkostemp(&tmp[0], O_CLOEXEC);
+    }
     if (fd < 0) return -1;
     bool ok = fchmod(fd, 0644) == 0 && orvhost::writeAll(fd, value, len);
     ok = close(fd) == 0 && ok;
