@@ -130,6 +130,14 @@ TEST(Properties, ReadsFollowSetsFromAnyProcessAndAFreshStore) {
     for (int i = 0; i < 400 && (seen = get("cache.prop")) != "3"; ++i) usleep(5000);
     EXPECT_EQ("3", seen);
 
+    // A store that cannot be made: the set fails with one error line and the value stays unset.
+    orvtest::TempRoot blocked;
+    blocked.write("dev/__properties__", "a file, not a directory");
+    orvtest::LogCapture log;
+    EXPECT_EQ(-1, property_set("cache.prop", "5"));
+    EXPECT_EQ(1, log.countContaining("cannot create the property store"));
+    EXPECT_EQ("none", get("cache.prop", "none"));
+
     // Another root is another store.
     orvtest::TempRoot second;
     EXPECT_EQ("none", get("cache.prop", "none"));
