@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "E2eClock.h"
+#include "E2eEffect.h"
 #include "E2ePolicies.h"
 #include "E2eServer.h"
 #include "tools/codec/OrvPolicyEncoder.h"
@@ -82,33 +83,10 @@ void printRow(const char* what, const char* unit, Stats& orvd, Stats& base) {
            b99 > 0 ? o99 / b99 : 0);
 }
 
-// The effect file, read in place: xfs writes without truncating, so one descriptor sees it.
-class Effect {
-  public:
-    explicit Effect(const std::string& path) : mFd(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
-    ~Effect() {
-        if (mFd >= 0) close(mFd);
-    }
-    bool waitFor(char want) const {
-        long long deadline = e2eNowNs() + 10000000000LL;
-        char c = 0;
-        for (unsigned i = 0;; ++i) {
-            if (pread(mFd, &c, 1, 0) == 1 && c == want) return true;
-            if ((i & 1023) == 0 && e2eNowNs() > deadline) {
-                fprintf(stderr, "bench: effect '%c' never appeared (last '%c')\n", want, c);
-                return false;
-            }
-        }
-    }
-
-  private:
-    int mFd;
-};
-
 // A long-running server with its effect file and the count of events sent to it.
 struct Subject {
     std::unique_ptr<E2eServer> server;
-    std::unique_ptr<Effect> effect;
+    std::unique_ptr<E2eEffect> effect;
     long events = 0;
 };
 
@@ -116,7 +94,7 @@ bool prepare(Subject& s, bool isOrvd) {
     const std::string effect = s.server->root() + "/effect";
     writeFile(effect, "0");
     if (s.server->start() < 0 || !s.server->connectClient()) return false;
-    s.effect.reset(new Effect(effect));
+    s.effect.reset(new E2eEffect(effect));
     std::string p = std::to_string(kPid) + ";" + kApp;
     // The tracked application enters run; the baseline only needs its first write.
     std::string setup = isOrvd ? frame(1, p) + frame(3, p + ";act;x") + frame(4, p) : listView(0);
