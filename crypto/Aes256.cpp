@@ -17,7 +17,7 @@ inline Lanes mul3(Lanes x) {
 // exactly when the second is the inverse of x. Every lane takes the same 255 steps, so one walk
 // serves them all; a zero lane never reaches 1 and keeps the inverse AES gives it, 0.
 template <int N>
-void gfInverseLanes(Lanes (&x)[N]) {
+void gfInverseLanes(Lanes* x) {
     const Lanes zero = {}, one = zero + 1;
     Lanes power = one, inverse[N];
     for (int v = 0; v < N; ++v) inverse[v] = zero;
@@ -50,7 +50,7 @@ uint8_t invAffine(uint8_t x) {
 // Only the set-up, once per key, takes S-box values one at a time.
 uint8_t sbox(uint8_t x) {
     Lanes lanes[1] = {{x}};
-    gfInverseLanes(lanes);
+    gfInverseLanes<1>(lanes);
     return affine(lanes[0][0]);
 }
 
@@ -102,10 +102,10 @@ void invShiftRowsSubBytes(uint8_t b[16], uint8_t* k, uint8_t sub[8]) {
             lanes[1][i] = k[12 + i];
             lanes[1][4 + i] = k[28 + i];
         }
-        gfInverseLanes(lanes);
+        gfInverseLanes<2>(lanes);
         for (int i = 0; i < 8; ++i) sub[i] = affine(lanes[1][i]);
     } else {
-        gfInverseLanes(reinterpret_cast<Lanes(&)[1]>(lanes[0]));
+        gfInverseLanes<1>(lanes);
     }
     for (int i = 0; i < 16; ++i) b[i] = lanes[0][i];
 }
