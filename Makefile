@@ -5,7 +5,7 @@ CTEST_ARGS ?= --output-on-failure -j$(JOBS) --timeout 120
 # Rebuilds of the three configurations share one compiler cache when ccache is there.
 CMAKE_ARGS ?= $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 
-.PHONY: all deps build check check-asan check-tsan check-device demo demo-live bench fuzz format clean
+.PHONY: all deps build check check-asan check-tsan check-device demo demo-live bench bench-e2e fuzz format clean
 
 all: build
 
@@ -46,6 +46,10 @@ demo-live: build
 
 bench: build
 	$(BUILD)/bin/orv_bench
+
+# orvd against a minimal program doing the same hop, in alternating blocks of one run.
+bench-e2e: build
+	$(BUILD)/bin/orv_bench_e2e
 
 fuzz:
 	@scripts/install-deps --fuzz

@@ -83,7 +83,8 @@ OrvJsonActionDB* OrvJsonActionDB::createDB(const char* path, bool encrypted) {
     }
     Json::Value* root = new Json::Value();
     Json::Reader reader;
-    if (!reader.parse(text, *root, true)) {
+    // The pointer form parses the text where it is; the string form would copy it first.
+    if (!reader.parse(text.data(), text.data() + text.size(), *root, true)) {
         ALOGE("Failed to parse %s %s:\n%s", path, stage, reader.getFormattedErrorMessages().c_str());
         delete root;
         return nullptr;
@@ -93,22 +94,25 @@ OrvJsonActionDB* OrvJsonActionDB::createDB(const char* path, bool encrypted) {
     return db;
 }
 
-Json::Value* OrvJsonActionDB::lookup(std::initializer_list<const char*> keys) {
-    if (mRoot == nullptr) return nullptr;
-    Json::Value* cur = mRoot;
+// Takes `keys` from `cur` on with the inserting operator[], as far as the nodes on the way are
+// objects or null; the number of members taken. mDocLock held.
+static size_t walk(Json::Value*& cur, std::initializer_list<const char*> keys) {
     size_t depth = 0;
-    bool bad = false;
-    pthread_mutex_lock(&mDocLock);
     for (const char* key : keys) {
-        if (!cur->isNull() && !cur->isObject()) {
-            bad = true;
-            break;
-        }
+        if (!cur->isNull() && !cur->isObject()) break;
         cur = &(*cur)[key ? key : ""];
         ++depth;
     }
+    return depth;
+}
+
+Json::Value* OrvJsonActionDB::lookup(std::initializer_list<const char*> keys) {
+    if (mRoot == nullptr) return nullptr;
+    Json::Value* cur = mRoot;
+    pthread_mutex_lock(&mDocLock);
+    size_t depth = walk(cur, keys);
     pthread_mutex_unlock(&mDocLock);
-    if (!bad) return cur;
+    if (depth == keys.size()) return cur;
     std::string where;
     size_t i = 0;
     for (const char* key : keys) {
@@ -118,6 +122,26 @@ Json::Value* OrvJsonActionDB::lookup(std::initializer_list<const char*> keys) {
     }
     ALOGE("Invalid policy DB: %s is not an object", where.empty() ? "(root)" : where.c_str());
     return nullptr;
+}
+
+// One link of an action set's reference chain in a single walk: the set and, when it is null,
+// the application's "reference" (as the two lookups would take them, with the same insertions).
+// false when a node on the way is malformed, for the lookups to report.
+bool OrvJsonActionDB::actionLink(const char* app, const char* state, const char* key,
+                                 Json::Value** set, Json::Value** reference) {
+    if (mRoot == nullptr) return false;
+    pthread_mutex_lock(&mDocLock);
+    Json::Value* action = mRoot;
+    bool ok = walk(action, {"applications", app, "action"}) == 3;
+    Json::Value* cur = action;
+    ok = ok && walk(cur, {state, key}) == 2;
+    if (ok) {
+        *set = cur;
+        *reference = action;
+        if (cur->isNull()) walk(*reference, {"reference"});
+    }
+    pthread_mutex_unlock(&mDocLock);
+    return ok;
 }
 
 std::string OrvJsonActionDB::memberText(const char* key, const char* absent) {
@@ -200,9 +224,14 @@ Json::Value* OrvJsonActionDB::getActionSet(const char* appName, const char* stat
                                            const char* key, Json::Value** referenceOut) {
     std::string app = appName ? appName : "";
     for (;;) {
-        Json::Value* set = lookup({"applications", app.c_str(), "action", stateName, key});
-        if (set != nullptr && !set->isNull()) return set;
-        Json::Value* ref = lookup({"applications", app.c_str(), "action", "reference"});
+        Json::Value *set = nullptr, *ref = nullptr;
+        if (actionLink(app.c_str(), stateName, key, &set, &ref)) {
+            if (!set->isNull()) return set;
+        } else {
+            set = lookup({"applications", app.c_str(), "action", stateName, key});
+            if (set != nullptr && !set->isNull()) return set;
+            ref = lookup({"applications", app.c_str(), "action", "reference"});
+        }
         if (ref == nullptr || ref->isNull()) {
             if (referenceOut) *referenceOut = nullptr;
             return nullptr;

@@ -72,6 +72,8 @@ class OrvJsonActionDB : public OrvActionDB {
     // Walks members from the document root with the inserting operator[], under mDocLock. Null
     // (and one error line) when a node on the way is neither an object nor null.
     Json::Value* lookup(std::initializer_list<const char*> keys);
+    bool actionLink(const char* app, const char* state, const char* key, Json::Value** set,
+                    Json::Value** reference);
     std::string memberText(const char* key, const char* absent);
     Json::Value* defaultResetSet();
     int runKeyedAction(OrvAction* action, const char* app, const char* state, const char* key,

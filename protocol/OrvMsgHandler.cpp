@@ -91,12 +91,13 @@ const char* OrvMsgHandler::getPNameByPid(int pid) {
     return it == mPidNameMap.end() ? "" : it->second.c_str();
 }
 
+// try_emplace: a pid already known costs no node built and thrown away.
 void OrvMsgHandler::addPidPNamePair(int pid, const char* pname) {
-    mPidNameMap.emplace(pid, pname);
+    mPidNameMap.try_emplace(pid, pname);
 }
 
 void OrvMsgHandler::addIdPair(int pid, int tid) {
-    mGLTidMap.emplace(pid, tid);
+    mGLTidMap.try_emplace(pid, tid);
 }
 
 int OrvMsgHandler::glTidOf(int pid) {

@@ -1,9 +1,9 @@
 #define LOG_TAG "OrvMsgHandler"
 #include <stdlib.h>
+#include <string.h>
 #include <sysutils/SocketClient.h>
 
 #include <iterator>
-#include <sstream>
 #include <string>
 
 #include "daemon/Orvello.h"
@@ -69,19 +69,36 @@ const ViewFamily kListView{"LIST_VIEW", kListViewEvents, std::size(kListViewEven
 const ViewFamily kViewGesture{"GESTURE", kViewGestureEvents, std::size(kViewGestureEvents)};
 const ViewFamily kScale{"SCALE", kScaleEvents, std::size(kScaleEvents)};
 
-// ";"-separated fields; a missing one reads as empty text (and so as 0).
+// ";"-separated fields, cut in place; a missing one reads as empty text (and so as 0), as with
+// getline over a string stream.
 class Fields {
   public:
-    explicit Fields(const char* payload) : mStream(payload) {}
+    explicit Fields(const char* payload) : mNext(payload) {}
     std::string text() {
-        std::string field;
-        if (!std::getline(mStream, field, ';')) field.clear();
-        return field;
+        const char* start = next();
+        return start ? std::string(start, mEnd) : std::string();
     }
-    int number() { return atoi(text().c_str()); }
+    // atoi stops at the ";" by itself, so the field needs no copy.
+    int number() {
+        const char* start = next();
+        return start ? atoi(start) : 0;
+    }
 
   private:
-    std::istringstream mStream;
+    // Start of the next field and its end in mEnd; null once the payload is used up.
+    const char* next() {
+        const char* start = mNext;
+        if (!start || *start == '\0') {
+            mNext = nullptr;
+            return nullptr;
+        }
+        const char* semi = strchr(start, ';');
+        mEnd = semi ? semi : start + strlen(start);
+        mNext = *mEnd ? mEnd + 1 : nullptr;
+        return start;
+    }
+    const char* mNext;
+    const char* mEnd = nullptr;
 };
 
 }  // namespace

@@ -37,8 +37,10 @@ void OrvWorkQueue::push_back(OrvWork* work) {
     pthread_mutex_lock(&mLock);
     mQueue.push_back(work);
     gWatch.check(">==work added======>");
-    pthread_cond_signal(&mCond);
     pthread_mutex_unlock(&mLock);
+    // After unlocking: a thread woken while the mutex is still held would block on it at once
+    // and need a second wake-up.
+    pthread_cond_signal(&mCond);
 }
 
 void* OrvWorkQueue::run() {

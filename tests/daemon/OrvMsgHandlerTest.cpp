@@ -70,6 +70,13 @@ const FramingRow kFraming[] = {
     {"MissingClose", {"[7,3", "]abc"}, {miss(']', "[7,3"), kWaitE, kNotEmpty, "E undefined code(7)|abc"}, undefined("7")},
     {"BracketsInsidePayload", {"[7,4][x,y[8,3]a]b"}, {"E undefined code(7)|[x,y", "E undefined code(8)|a]b"}, undefined("7") + undefined("8")},
     {"TrailingGarbageIsCleared", {"[7,1]ab"}, {"E undefined code(7)|a", miss('[', "b"), kClear}, undefined("7")},
+    // Payload fields read like getline over ";": absent ones are empty, integers stop where atoi does.
+    {"FieldsAbsentEmptyOrExtra", {"[3,0][3,2]12[3,3]12;[3,2];a[3,11]12;a;;d;e;f"},
+     {"D ACTIVITY_START(3)|0;;;", "D ACTIVITY_START(3)|12;;;", "D ACTIVITY_START(3)|12;;;",
+      "D ACTIVITY_START(3)|0;a;;", "D ACTIVITY_START(3)|12;a;;d"}, ""},
+    {"FieldsNumbersStopWhereAtoiDoes", {"[5,12] 7x;a;-3;b;c[41,6]+9;1 2"},
+     {"D ACTIVITY_TRANSITION(5)|7;a;-3;b", "D GLTHREAD_ATTACH(41)|9;1",
+      "E cannot map pid to pname, drop event GLTHREAD_ATTACH 9;1"}, ""},
     {"ViewEventsNeedAContextEvenToLog", {"[34,3]1;9[33,3]1;1[35,3]1;0[21,0]"}, {"D ROTATE_START(21)"}, ""},
 };
 // clang-format on

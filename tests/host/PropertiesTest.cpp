@@ -1,5 +1,7 @@
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
@@ -91,8 +93,56 @@ TEST(Properties, SetIsAtomicForConcurrentReaders) {
     reader.join();
     EXPECT_EQ(0, torn.load());
     EXPECT_GT(reads.load(), 0);
-    std::filesystem::directory_iterator it(root / "dev/__properties__"), end;
-    EXPECT_EQ(1, std::distance(it, end)) << "no temporary files left behind";
+    for (const auto& entry : std::filesystem::directory_iterator(root / "dev/__properties__"))
+        EXPECT_NE(0u, entry.path().filename().string().rfind(".set.", 0))
+            << "temporary file left behind: " << entry.path();
+}
+
+// Readers keep values between sets; every way a value can change under them must still show.
+TEST(Properties, ReadsFollowSetsFromAnyProcessAndAFreshStore) {
+    orvtest::TempRoot root;
+    EXPECT_EQ("absent", get("cache.prop", "absent"));
+    ASSERT_EQ(0, property_set("cache.prop", "1"));
+    EXPECT_EQ("1", get("cache.prop"));
+    EXPECT_EQ("1", get("cache.prop")) << "an unchanged value reads the same";
+
+    pid_t child = fork();
+    if (child == 0) _exit(property_set("cache.prop", "from-child") == 0 ? 0 : 1);
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_EQ(0, status);
+    EXPECT_EQ("from-child", get("cache.prop")) << "a set in another process";
+
+    // The whole store removed and made again, its counter starting over: a set here notices
+    // at once, a set elsewhere within the reader's recheck interval.
+    std::filesystem::remove_all(root / "dev/__properties__");
+    ASSERT_EQ(0, property_set("other.prop", "x"));
+    EXPECT_EQ("gone", get("cache.prop", "gone"));
+    ASSERT_EQ(0, property_set("cache.prop", "2"));
+    EXPECT_EQ("2", get("cache.prop"));
+    // Moved aside rather than deleted: the old counter file still exists elsewhere.
+    std::filesystem::rename(root / "dev/__properties__", root / "dev/old");
+    child = fork();
+    if (child == 0) _exit(property_set("cache.prop", "3") == 0 ? 0 : 1);
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_EQ(0, status);
+    std::string seen;
+    for (int i = 0; i < 400 && (seen = get("cache.prop")) != "3"; ++i) usleep(5000);
+    EXPECT_EQ("3", seen);
+
+    // A store that cannot be made: the set fails with one error line and the value stays unset.
+    orvtest::TempRoot blocked;
+    blocked.write("dev/__properties__", "a file, not a directory");
+    orvtest::LogCapture log;
+    EXPECT_EQ(-1, property_set("cache.prop", "5"));
+    EXPECT_EQ(1, log.countContaining("cannot create the property store"));
+    EXPECT_EQ("none", get("cache.prop", "none"));
+
+    // Another root is another store.
+    orvtest::TempRoot second;
+    EXPECT_EQ("none", get("cache.prop", "none"));
+    ASSERT_EQ(0, property_set("cache.prop", "4"));
+    EXPECT_EQ("4", get("cache.prop"));
 }
 
 }  // namespace

@@ -6,11 +6,14 @@
 #include <orvhost/host.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <mutex>
 #include <string>
+#include <unordered_map>
 
 #include "HostInternal.h"
 
@@ -62,11 +65,142 @@ int readValue(const std::string& path, char* out) {
 // Serialises the "ro." check with the write inside this process.
 std::mutex gSetLock;
 
+// Every set bumps a 64-bit counter in the store's ".serial" file (its leading dot is no valid
+// property name), mapped shared by every process that reads. A reader keeps the values it has
+// read and re-reads only after the counter moved, so an unchanged property costs no open().
+const char kSerialName[] = "/.serial";
+const size_t kSerialSize = sizeof(uint64_t);
+
+struct CachedValue {
+    uint64_t serial;
+    int len;  // -1: no value
+    char value[PROPERTY_VALUE_MAX];
+};
+
+// The store's counter, mapped once per process (writable where the file allows it), and the
+// values this process has read.
+struct SerialStore {
+    std::mutex lock;
+    std::string dir;  // the store the mapping and the values belong to
+    int fd = -1;
+    uint64_t* serial = nullptr;
+    bool writable = false;
+    std::unordered_map<std::string, CachedValue> values;
+
+    // The counter of `storeDir`, mapped on first use; null while there is none. A setter
+    // (`create`) makes the file and needs it writable. A counter whose file was removed or
+    // replaced (the store deleted or moved under us) is dropped with every value read: at once
+    // by a setter, within kRecheckMs by a reader, which must not pay a system call per read.
+    uint64_t* counter(const std::string& storeDir, bool create) {
+        bool recheck = create || serial == nullptr || dueForRecheck();
+        if (storeDir != dir || (serial && recheck && !stillLinked()) ||
+            (create && serial && !writable)) {
+            unmap();
+            dir = storeDir;
+        }
+        if (!serial) map(create);
+        return serial;
+    }
+
+  private:
+    static constexpr long long kRecheckMs = 100;
+    long long checkedMs = 0;
+
+    bool dueForRecheck() {
+        struct timespec now;
+        clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+        long long ms = now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+        if (ms - checkedMs < kRecheckMs) return false;
+        checkedMs = ms;
+        return true;
+    }
+    void unmap() {
+        if (serial) munmap(serial, kSerialSize);
+        if (fd >= 0) close(fd);
+        serial = nullptr;
+        fd = -1;
+        values.clear();
+    }
+    // The mapped file is still the one the store's path names (not removed, not replaced). The
+    // mapping keeps its inode alive, so a new file cannot reuse its number.
+    bool stillLinked() const {
+        struct stat st;
+        return stat((dir + kSerialName).c_str(), &st) == 0 && st.st_dev == mappedDev &&
+               st.st_ino == mappedIno;
+    }
+    void map(bool create) {
+        const std::string path = dir + kSerialName;
+        const int flags = O_CLOEXEC | O_NOFOLLOW;
+        writable = true;
+        fd = open(path.c_str(), O_RDWR | flags | (create ? O_CREAT : 0), 0644);
+        if (fd < 0 && !create) {
+            writable = false;
+            fd = open(path.c_str(), O_RDONLY | flags);
+        }
+        if (fd < 0) return;
+        struct stat st;
+        void* p = MAP_FAILED;
+        // Growing is idempotent, so setters racing to create the file cannot clear a count.
+        bool sized = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+                     (st.st_size >= static_cast<off_t>(kSerialSize) ||
+                      (create && ftruncate(fd, kSerialSize) == 0));
+        if (sized) {
+            p = mmap(nullptr, kSerialSize, writable ? PROT_READ | PROT_WRITE : PROT_READ,
+                     MAP_SHARED, fd, 0);
+        }
+        if (p == MAP_FAILED) {
+            close(fd);
+            fd = -1;
+            return;
+        }
+        serial = static_cast<uint64_t*>(p);
+        mappedDev = st.st_dev;
+        mappedIno = st.st_ino;
+    }
+    dev_t mappedDev = 0;
+    ino_t mappedIno = 0;
+};
+
+// Never destroyed: threads may still read while the process exits.
+SerialStore& serialStore() {
+    static SerialStore* store = new SerialStore;
+    return *store;
+}
+
+// Called after the new value is in place, so a reader that sees the new count reads it.
+void bumpSerial(const std::string& dir) {
+    SerialStore& store = serialStore();
+    std::lock_guard<std::mutex> lock(store.lock);
+    if (uint64_t* serial = store.counter(dir, true)) {
+        __atomic_add_fetch(serial, 1, __ATOMIC_RELEASE);
+    }
+}
+
+// A stored value as readValue gives it, from the cache while the store's counter stands still.
+int readStored(const char* key, char* out) {
+    const std::string dir = storeDir();
+    SerialStore& cache = serialStore();
+    std::lock_guard<std::mutex> lock(cache.lock);
+    const uint64_t* counter = cache.counter(dir, false);
+    if (!counter) return readValue(dir + "/" + key, out);
+    const uint64_t serial = __atomic_load_n(counter, __ATOMIC_ACQUIRE);
+    auto it = cache.values.find(key);
+    if (it == cache.values.end() || it->second.serial != serial) {
+        // The count is taken before the read: a set racing with it moves the count again.
+        CachedValue fresh;
+        fresh.serial = serial;
+        fresh.len = readValue(dir + "/" + key, fresh.value);
+        it = cache.values.insert_or_assign(key, fresh).first;
+    }
+    if (it->second.len >= 0) memcpy(out, it->second.value, it->second.len + 1);
+    return it->second.len;
+}
+
 }  // namespace
 
 extern "C" int property_get(const char* key, char* value, const char* default_value) {
     if (!value) return 0;
-    int len = validName(key) ? readValue(storeDir() + "/" + key, value) : -1;
+    int len = validName(key) ? readStored(key, value) : -1;
     if (len > 0) return len;
     if (!default_value) {
         value[0] = '\0';
@@ -91,18 +225,26 @@ extern "C" int property_set(const char* key, const char* value) {
         char old[PROPERTY_VALUE_MAX];
         if (readValue(path, old) > 0) return -1;
     }
-    if (!orvhost::makeDirs(dir)) {
-        ALOGE("cannot create the property store %s (%s)", dir.c_str(), strerror(errno));
-        return -1;
-    }
     // A temporary file in the same directory (its leading dot is no valid property name), then
-    // rename: readers see the old value or the new one, never a part.
+    // rename: readers see the old value or the new one, never a part. The store is made only
+    // when the file cannot be, which spares every later set the walk down its path.
     std::string tmp = dir + "/.set.XXXXXX";
     int fd = mkostemp(&tmp[0], O_CLOEXEC);
+    if (fd < 0) {
+        if (!orvhost::makeDirs(dir)) {
+            ALOGE("cannot create the property store %s (%s)", dir.c_str(), strerror(errno));
+            return -1;
+        }
+        tmp = dir + "/.set.XXXXXX";
+        fd = mkostemp(&tmp[0], O_CLOEXEC);
+    }
     if (fd < 0) return -1;
     bool ok = fchmod(fd, 0644) == 0 && orvhost::writeAll(fd, value, len);
     ok = close(fd) == 0 && ok;
-    if (ok && rename(tmp.c_str(), path.c_str()) == 0) return 0;
+    if (ok && rename(tmp.c_str(), path.c_str()) == 0) {
+        bumpSerial(dir);
+        return 0;
+    }
     unlink(tmp.c_str());
     return -1;
 }

@@ -1,0 +1,31 @@
+#pragma once
+#include <fcntl.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "E2eClock.h"
+
+// The effect file, read in place: xfs writes without truncating, so one descriptor sees it.
+class E2eEffect {
+  public:
+    explicit E2eEffect(const std::string& path) : mFd(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+    ~E2eEffect() {
+        if (mFd >= 0) close(mFd);
+    }
+    bool waitFor(char want) const {
+        long long deadline = e2eNowNs() + 10000000000LL;
+        char c = 0;
+        for (unsigned i = 0;; ++i) {
+            if (pread(mFd, &c, 1, 0) == 1 && c == want) return true;
+            if ((i & 1023) == 0 && e2eNowNs() > deadline) {
+                fprintf(stderr, "bench: effect '%c' never appeared (last '%c')\n", want, c);
+                return false;
+            }
+        }
+    }
+
+  private:
+    int mFd;
+};
