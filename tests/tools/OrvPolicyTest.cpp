@@ -112,6 +112,12 @@ TEST(OrvPolicy, EachKindOfFinding) {
          0,
          "warning: com.a.action.gesture_tap.on_enter: writes xfs /f and nothing sets it back: "
          "neither com.a.action.gesture_tap.on_exit nor com.a.action.run writes it"},
+        {"process moved into a group and back into another",
+         R"({"parser":"v1.0","version":"v1","applications":{"com.a":{"action":{"run":{
+             "on_enter":[{"method":"xfs","path":"/cg/top/cgroup.procs","type":"var","value":"PID"}],
+             "on_exit":[{"method":"xfs","path":"/cg/bg/cgroup.procs","type":"var",
+             "value":"EXIT_PID"}]}}}}})",
+         0, "0 errors, 0 warnings"},
         {"set not an array", withRun("", R"(,"com.b":{"action":{"run":{"policy":{}}}})"), 1,
          "error: com.b.action.run.policy: an action set must be an array"},
     };

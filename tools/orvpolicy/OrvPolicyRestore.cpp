@@ -2,6 +2,30 @@
 
 #include "tools/orvpolicy/OrvPolicyChecker.h"
 
+namespace {
+
+// "xfs <hierarchy>/<group>/cgroup.procs" (or "tasks") moves a process rather than setting a
+// value: a move into any other group of the same hierarchy puts it back. Empty for other nodes.
+std::string cgroupHierarchy(const std::string& target) {
+    const size_t slash = target.rfind('/');
+    if (target.compare(0, 4, "xfs ") != 0 || slash == std::string::npos) return "";
+    const std::string file = target.substr(slash + 1);
+    if (file != "cgroup.procs" && file != "tasks") return "";
+    const size_t group = target.rfind('/', slash - 1);
+    return group == std::string::npos ? "" : target.substr(0, group + 1) + "*/" + file;
+}
+
+bool isRestored(const std::string& target, const std::set<std::string>& restoring) {
+    if (restoring.count(target)) return true;
+    const std::string hierarchy = cgroupHierarchy(target);
+    if (hierarchy.empty()) return false;
+    for (const auto& r : restoring)
+        if (r != target && cgroupHierarchy(r) == hierarchy) return true;
+    return false;
+}
+
+}  // namespace
+
 void OrvPolicyRestore::targets(const Json::Value& set, std::set<std::string>& out,
                                std::set<std::string>& seenGroups) const {
     if (!set.isArray()) return;
@@ -67,7 +91,7 @@ void OrvPolicyRestore::run() {
             for (const char* key : {"on_enter", "policy"}) {
                 if (!action[state].isMember(key)) continue;
                 for (const auto& t : targets(&action[state][key])) {
-                    if (restoring.count(t)) continue;
+                    if (isRestored(t, restoring)) continue;
                     mReport.warning(app + ".action." + state + "." + key,
                                     "writes " + t + " and nothing sets it back: neither " + where +
                                         " nor " + other + " writes it");
