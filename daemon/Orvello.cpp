@@ -18,8 +18,16 @@ Orvello::Orvello() {
 // that are about to go, or a late event calls into a half-destroyed object.
 Orvello::~Orvello() {
     ORV_LOGD("destructor called");
+    detachEvents();
+}
+
+void Orvello::detachEvents() {
     mListener.stopListener();
     OrvTimer::getInstance().setTimeoutWork(nullptr);
+}
+
+void Orvello::stopEvents() {
+    if (mInstance != nullptr) mInstance->detachEvents();
 }
 
 bool Orvello::init() {

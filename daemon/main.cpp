@@ -53,6 +53,8 @@ extern "C" const char* __tsan_default_suppressions() {
 
 void signal_callback_handler(int sig) {
     ALOGI("caught signal %d", sig);
+    // This runs on the signal thread, in normal context: the listener can be joined here.
+    Orvello::stopEvents();
     exit(sig);
 }
 

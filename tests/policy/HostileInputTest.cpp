@@ -183,10 +183,11 @@ TEST_F(HostileInputTest, QueriesDoNotRaceTheActionThread) {
             manager->findAppParam("C", "p", value);
         }
     });
-    for (int i = 0; i < 200; ++i) {
-        std::string state = "s" + std::to_string(i);
-        (new StateChange("run", state.c_str(), i % 2 ? "A" : "C", 1, 2))->send(manager);
-    }
+    // Records keep state names by pointer: these must outlive the queue.
+    static std::vector<std::string> states;
+    for (int i = 0; i < 200; ++i) states.push_back("s" + std::to_string(i));
+    for (int i = 0; i < 200; ++i)
+        (new StateChange("run", states[i].c_str(), i % 2 ? "A" : "C", 1, 2))->send(manager);
     sync(manager);
     stop = true;
     reader.join();
