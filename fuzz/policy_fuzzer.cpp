@@ -100,7 +100,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     std::vector<std::string> apps = {"", "com.a", "A"};
     Json::Value root;
-    if (Json::Reader().parse(doc, root) && root["applications"].isObject()) {
+    if (Json::Reader().parse(doc, root) && root.isObject() && root["applications"].isObject()) {
         for (const std::string& name : root["applications"].getMemberNames()) apps.push_back(name);
     }
     static const std::vector<std::string> states = {"launch", "run",  "reset", "gesture_tap",

@@ -23,7 +23,7 @@ std::string chain(const std::vector<std::string>& path, size_t from, const std::
 
 std::string OrvCycleCheck::find(const Json::Value& root) {
     const Json::Value* apps = memberOf(root, "applications");
-    if (apps != nullptr) {
+    if (apps != nullptr && apps->isObject()) {
         for (const char* section : {"param", "action"}) {
             std::string cycle = findReferenceCycle(*apps, section);
             if (!cycle.empty()) return cycle;

@@ -144,6 +144,16 @@ TEST_F(HostileInputTest, AcyclicChainsLoadAndResolve) {
     EXPECT_TRUE(manager->findAppParam("a0", "p", value));
     EXPECT_EQ("end", value);
     EXPECT_FALSE(manager->findAppParam("a0", "q", value));
+    // Sections of the wrong type hold no loop (the executor reports them when it meets them).
+    OrvActionManager loader;
+    for (const char* odd : {R"("applications":[1],"policy_group":"g")",
+                            R"("applications":"x","policy_group":[{"method":"group"}])"}) {
+        std::string path =
+            mRoot.write("odd.json", std::string(R"({"parser":"v1.0","version":"v1",)") + odd + "}");
+        OrvActionDB* db = loader.loadDBFromfile(path.c_str());
+        EXPECT_NE(nullptr, db) << odd;
+        delete db;
+    }
 }
 
 TEST_F(HostileInputTest, TheUpdateMovesTheFileWithoutRunningAnyProgram) {
