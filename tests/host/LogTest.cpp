@@ -167,7 +167,7 @@ TEST(Log, ASignalHandlerThatLogsNeverWaitsForTheInterruptedRecord) {
     if (child == 0) {
         dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
         signal(SIGALRM, [](int) { __android_log_write(ANDROID_LOG_INFO, "OrvMain", "caught"); });
-        itimerval every{{0, 20}, {0, 20}};
+        itimerval every{{0, 200}, {0, 200}};
         setitimer(ITIMER_REAL, &every, nullptr);
         for (int i = 0; i < 20000; ++i)
             __android_log_print(ANDROID_LOG_DEBUG, "T", "record %d\nsecond line", i);
