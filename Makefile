@@ -5,7 +5,7 @@ CTEST_ARGS ?= --output-on-failure -j$(JOBS) --timeout 120
 # Rebuilds of the three configurations share one compiler cache when ccache is there.
 CMAKE_ARGS ?= $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 
-.PHONY: all deps build check check-asan check-tsan check-device demo demo-live bench bench-e2e fuzz format clean
+.PHONY: all deps build check check-asan check-tsan check-device demo demo-live bench bench-e2e fuzz soak format clean
 
 all: build
 
@@ -51,9 +51,16 @@ bench: build
 bench-e2e: build
 	$(BUILD)/bin/orv_bench_e2e
 
+# Each libFuzzer target in turn, FUZZ_SECONDS apiece (FUZZ_TARGETS: consume policy decoder).
+FUZZ_SECONDS ?= 120
 fuzz:
 	@scripts/install-deps --fuzz
-	scripts/fuzz
+	scripts/fuzz $(FUZZ_SECONDS) $(FUZZ_TARGETS)
+
+# The real daemon under hostile traffic for SOAK_MINUTES.
+SOAK_MINUTES ?= 2
+soak: build
+	scripts/soak $(BUILD) $(SOAK_MINUTES)
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

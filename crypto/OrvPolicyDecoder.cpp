@@ -1,11 +1,11 @@
 #include "crypto/OrvPolicyDecoder.h"
 
-#include <stdio.h>
 #include <string.h>
 
 #include <vector>
 
 #include "crypto/Aes256.h"
+#include "crypto/OrvPolicyFile.h"
 #include "crypto/Rand48.h"
 #include "crypto/Sha256.h"
 
@@ -98,29 +98,17 @@ bool decode_orv_policy_text(const char* text, size_t size, std::string& json) {
 }
 
 int decrypt_policy_file(const std::string& src, const std::string& dst) {
-    FILE* in = fopen(src.c_str(), "rb");
-    if (!in) return 0;
-    int ok = 0;
-    std::vector<char> text;
+    // The cap is checked before anything is read or deciphered.
+    std::string text;
+    const char* reason = nullptr;
+    if (!OrvPolicyFile::read(src.c_str(), kOrvPolicyMaxTextSize, text, reason)) return 0;
     std::vector<uint8_t> buf;
-    long size = -1;
-    if (fseek(in, 0, SEEK_END) == 0) size = ftell(in);
-    if (size >= 0 && orv_policy_text_size_ok(size_t(size)) && fseek(in, 0, SEEK_SET) == 0) {
-        text.assign(size_t(size), 0);
-        if (fread(text.data(), 1, text.size(), in) == text.size()) {
-            const long len = decodeBytes(text.data(), text.size(), buf);
-            FILE* out = len >= 0 ? fopen(dst.c_str(), "wb") : nullptr;
-            if (out) {
-                // The outcome of the write is left to the caller's parse.
-                const size_t written = fwrite(&buf[kOrvPolicyHeaderSize], 1, size_t(len), out);
-                (void)written;
-                fclose(out);
-                ok = 1;
-            }
-        }
-    }
-    fclose(in);
-    return ok;
+    const long len = decodeBytes(text.data(), text.size(), buf);
+    if (len < 0) return 0;
+    const bool written =
+        OrvPolicyFile::write(dst.c_str(), &buf[kOrvPolicyHeaderSize], static_cast<size_t>(len));
+    wipe(buf.data(), buf.size());
+    return written ? 1 : 0;
 }
 
 int decrypt_orv_policy(const char* src, const char* dst) {

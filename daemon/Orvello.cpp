@@ -2,6 +2,7 @@
 #include "daemon/Orvello.h"
 
 #include <cutils/properties.h>
+#include <pthread.h>
 
 #include "daemon/core/OrvLog.h"
 #include "daemon/core/OrvTimer.h"
@@ -9,6 +10,10 @@
 const char* ORV_PROP_ENABLE = "sys.orv.enable";
 
 Orvello* Orvello::mInstance = nullptr;
+
+// Starting and stopping the listener happen on different threads (main, and the signal thread
+// at SIGINT); this orders them. Never destroyed: exit() may need it last.
+static pthread_mutex_t sListenerLock = PTHREAD_MUTEX_INITIALIZER;
 
 Orvello::Orvello() {
     ORV_LOGD("constructor called");
@@ -18,8 +23,20 @@ Orvello::Orvello() {
 // that are about to go, or a late event calls into a half-destroyed object.
 Orvello::~Orvello() {
     ORV_LOGD("destructor called");
+    detachEvents();
+}
+
+void Orvello::detachEvents() {
+    pthread_mutex_lock(&sListenerLock);
     mListener.stopListener();
+    pthread_mutex_unlock(&sListenerLock);
     OrvTimer::getInstance().setTimeoutWork(nullptr);
+}
+
+// Called on the signal thread while the main thread may still be in init().
+void Orvello::stopEvents() {
+    Orvello* daemon = __atomic_load_n(&mInstance, __ATOMIC_ACQUIRE);
+    if (daemon != nullptr) daemon->detachEvents();
 }
 
 bool Orvello::init() {
@@ -43,7 +60,7 @@ bool Orvello::init() {
     timer.setTimeoutWork(&daemon.mTimeoutWork);
     timer.start();
 
-    mInstance = &daemon;
+    __atomic_store_n(&mInstance, &daemon, __ATOMIC_RELEASE);
     property_set(ORV_PROP_ENABLE, "true");
     ALOGI("initiated");
     return true;
@@ -55,7 +72,9 @@ void Orvello::run() {
         ALOGE("did not initiate");
         return;
     }
+    pthread_mutex_lock(&sListenerLock);
     mInstance->mListener.startListener();
+    pthread_mutex_unlock(&sListenerLock);
     mInstance->mActionManager.waitDBUpdate();
 }
 

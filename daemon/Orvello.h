@@ -17,12 +17,17 @@ class Orvello {
     // Starts the socket listener and gives the calling thread to the update queue.
     static void run();
     void dumpState(std::string& out);
+    // Stops the listener thread and detaches the timer, so that no event reaches the daemon
+    // any more. For the stop on SIGINT: exit() destroys function-local statics (the scenario's
+    // states among them) before the daemon object.
+    static void stopEvents();
 
     static Orvello* mInstance;  // null until init() has succeeded
 
   private:
     Orvello();
     ~Orvello();
+    void detachEvents();
     Orvello(const Orvello&) = delete;
     Orvello& operator=(const Orvello&) = delete;
 

@@ -1,12 +1,18 @@
 # Injected by scripts/fuzz through CMAKE_PROJECT_INCLUDE: adds the libFuzzer targets once the
-# whole tree, and so orv_app, has been configured.
+# whole tree, and so orv_app and the codec, have been configured.
+function(orv_add_fuzzer name)
+    add_executable(${name} ${CMAKE_SOURCE_DIR}/fuzz/${name}.cpp)
+    target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR})
+    target_link_libraries(${name} PRIVATE ${ARGN})
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+endfunction()
+
 function(orv_add_fuzzers)
-    if(NOT TARGET orv_app)
-        message(FATAL_ERROR "orv_app is missing: nothing to fuzz")
+    if(NOT TARGET orv_app OR NOT TARGET orv_policycodec)
+        message(FATAL_ERROR "orv_app or orv_policycodec is missing: nothing to fuzz")
     endif()
-    add_executable(orv_consume_fuzzer ${CMAKE_SOURCE_DIR}/fuzz/consume_fuzzer.cpp)
-    target_include_directories(orv_consume_fuzzer PRIVATE ${CMAKE_SOURCE_DIR})
-    target_link_libraries(orv_consume_fuzzer PRIVATE orv_app)
-    target_link_options(orv_consume_fuzzer PRIVATE -fsanitize=fuzzer)
+    orv_add_fuzzer(consume_fuzzer orv_app)
+    orv_add_fuzzer(policy_fuzzer orv_policy)
+    orv_add_fuzzer(decoder_fuzzer orv_policycodec orv_crypto)
 endfunction()
 cmake_language(DEFER DIRECTORY ${CMAKE_SOURCE_DIR} CALL orv_add_fuzzers)

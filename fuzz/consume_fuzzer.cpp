@@ -1,7 +1,8 @@
 // Framing and dispatch under arbitrary bytes: every input is a series of arrivals (split at 0xff,
 // each cut to one read of at most 511 bytes) fed to one handler bound to a real context and a
-// real action manager, exactly as the listener does. The reassembly buffer is process-wide, so
-// state carries from one input to the next, as it does on a device.
+// real action manager, exactly as the listener does. The reassembly buffer is process-wide; a
+// frame left incomplete by one input (a never-completing header stalls it for good) is cleared
+// after each input through the buffer's own cap, so every input starts from an empty buffer.
 #include <cutils/properties.h>
 #include <orvhost/host.h>
 #include <stdint.h>
@@ -85,6 +86,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         at = end + 1;
     }
+    // One arrival over the cap clears the buffer and is itself dropped.
+    static char overCap[(1 << 20) + 1];
+    gH.handler->consume(overCap, sizeof(overCap), gH.client);
     // Drain the replies so the socket never fills up.
     char sink[4096];
     while (recv(gH.peer, sink, sizeof(sink), MSG_DONTWAIT) > 0) {

@@ -18,8 +18,11 @@ OrvActionManager::OrvActionManager() : mDB(nullptr), mNewDB(nullptr) {
 
 OrvActionManager::~OrvActionManager() {
     ORV_LOGD("destructor called");
-    // The action thread must be done with the databases before they go.
-    mActionQueue.close();
+    // Both queue threads must be done with the databases before they go: the update first, as
+    // the action thread may wait for it in checkUpdateDB. A work that outlasts the bound (a long
+    // "program") keeps using them, so then they are left to the process, which is ending.
+    bool updateClosed = mUpdateQueue.close();
+    if (!mActionQueue.close() || !updateClosed) return;
     delete mDB;
     delete mNewDB;
     pthread_mutex_destroy(&mDBLock);

@@ -1,9 +1,8 @@
 #define LOG_TAG "OrvActionManager"
-#include <stdlib.h>
-
 #include "daemon/core/OrvDevicePath.h"
 #include "daemon/core/OrvLog.h"
 #include "policy/OrvActionManager.h"
+#include "policy/OrvChildProcess.h"
 #include "policy/OrvJsonActionDB.h"
 
 static const char* const POLICY_DB_FILE = "/data/orvpolicy";
@@ -70,21 +69,6 @@ void OrvActionManager::OrvStateChangeAction::execute() {
 OrvActionManager::OrvPrepareDBUpdateWork::OrvPrepareDBUpdateWork(const char* path)
     : OrvWork("DB-UPDATE", true), mPath(orEmpty(path)) {}
 
-// Single-quotes `text` for sh: nothing inside is expanded, and each ' is closed, escaped and
-// reopened, so any bytes stay one word.
-static std::string shellQuote(const std::string& text) {
-    std::string out = "'";
-    for (char c : text) {
-        if (c == '\'') {
-            out += "'\\''";
-        } else {
-            out += c;
-        }
-    }
-    out += "'";
-    return out;
-}
-
 void OrvActionManager::OrvPrepareDBUpdateWork::execute() {
     ALOGI("prepare UpdateDB...");
     OrvActionManager* manager = mActionManager;
@@ -101,11 +85,7 @@ void OrvActionManager::OrvPrepareDBUpdateWork::execute() {
         manager->mNewDB = db;
         ALOGI("new DB %s is prepared to update)", mPath.c_str());
         std::string target = OrvDevicePath(POLICY_DB_FILE);
-        // "--" keeps a path that starts with "-" from being read as an option; mv's complaints
-        // would land on the daemon's standard error, which carries log records only.
-        std::string command =
-            "mv -- " + shellQuote(mPath) + " " + shellQuote(target) + " >/dev/null 2>&1";
-        if (system(command.c_str()) == -1) {
+        if (!OrvChildProcess::move(mPath.c_str(), target.c_str())) {
             ALOGE("failed to replace new policy file to %s", target.c_str());
         }
     }
@@ -131,6 +111,13 @@ OrvActionDB* OrvActionManager::loadDBFromfile(const char* path) {
     ALOGI("curDBVersion:%.2f, loadDBVersion:%.2f", current, loaded);
     if (current >= loaded) {
         ALOGE("DB Version is too old");
+        delete db;
+        return nullptr;
+    }
+    // A loop would overflow the action thread's stack or spin it for good on first use.
+    std::string cycle = db->findCycle();
+    if (!cycle.empty()) {
+        ALOGE("%s in %s", cycle.c_str(), path);
         delete db;
         return nullptr;
     }

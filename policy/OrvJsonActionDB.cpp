@@ -4,12 +4,11 @@
 #include <stdio.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
-
+#include "crypto/OrvPolicyFile.h"
 #include "crypto/OrvSecurityUtil.h"
 #include "daemon/core/OrvDevicePath.h"
 #include "daemon/core/OrvLog.h"
+#include "policy/OrvCycleCheck.h"
 
 static const char* const PARSER_VERSION = "v1.0";
 static const char* const INTERMEDIATE_FILE = "/data/___orvtemp";
@@ -70,12 +69,17 @@ OrvJsonActionDB* OrvJsonActionDB::createDB(const char* path, bool encrypted) {
         ORV_LOGD("decrypt DB %s success", path);
         readPath = intermediate;
     }
-    std::ifstream in(readPath.c_str(), std::ios::in | std::ios::binary);
-    if (!in.good()) {
-        ALOGE("%s is not good", path);
+    std::string text;
+    const char* reason = nullptr;
+    if (!OrvPolicyFile::read(readPath.c_str(), OrvPolicyFile::kMaxPlainSize, text, reason)) {
+        // A file that cannot be opened keeps the plain line; refusals say why.
+        if (reason == OrvPolicyFile::kCannotOpen) {
+            ALOGE("%s is not good", path);
+        } else {
+            ALOGE("%s is not good (%s)", path, reason);
+        }
         return nullptr;
     }
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     const char* stage = encrypted ? "after decrypt" : "before decrypt";
     if (!nestingWithinLimit(text)) {
         ALOGE("Failed to parse %s %s:\n%s", path, stage, "* Nesting too deep\n");
@@ -96,7 +100,7 @@ OrvJsonActionDB* OrvJsonActionDB::createDB(const char* path, bool encrypted) {
 
 // Takes `keys` from `cur` on with the inserting operator[], as far as the nodes on the way are
 // objects or null; the number of members taken. mDocLock held.
-static size_t walk(Json::Value*& cur, std::initializer_list<const char*> keys) {
+static size_t walkFrom(Json::Value*& cur, std::initializer_list<const char*> keys) {
     size_t depth = 0;
     for (const char* key : keys) {
         if (!cur->isNull() && !cur->isObject()) break;
@@ -106,13 +110,38 @@ static size_t walk(Json::Value*& cur, std::initializer_list<const char*> keys) {
     return depth;
 }
 
+Json::Value* OrvJsonActionDB::walk(std::initializer_list<const char*> keys, size_t& depth) {
+    Json::Value* cur = mRoot;
+    depth = walkFrom(cur, keys);
+    return depth == keys.size() ? cur : nullptr;
+}
+
 Json::Value* OrvJsonActionDB::lookup(std::initializer_list<const char*> keys) {
     if (mRoot == nullptr) return nullptr;
-    Json::Value* cur = mRoot;
+    size_t depth = 0;
     pthread_mutex_lock(&mDocLock);
-    size_t depth = walk(cur, keys);
+    Json::Value* cur = walk(keys, depth);
     pthread_mutex_unlock(&mDocLock);
-    if (depth == keys.size()) return cur;
+    if (cur == nullptr) logNotObject(keys, depth);
+    return cur;
+}
+
+bool OrvJsonActionDB::lookupScalar(std::initializer_list<const char*> keys, Json::ValueType& type,
+                                   std::string& text) {
+    if (mRoot == nullptr) return false;
+    size_t depth = 0;
+    pthread_mutex_lock(&mDocLock);
+    Json::Value* cur = walk(keys, depth);
+    if (cur != nullptr) {
+        type = cur->type();
+        if (!cur->isNull() && !cur->isArray() && !cur->isObject()) text = cur->asString();
+    }
+    pthread_mutex_unlock(&mDocLock);
+    if (cur == nullptr) logNotObject(keys, depth);
+    return cur != nullptr;
+}
+
+void OrvJsonActionDB::logNotObject(std::initializer_list<const char*> keys, size_t depth) {
     std::string where;
     size_t i = 0;
     for (const char* key : keys) {
@@ -121,7 +150,6 @@ Json::Value* OrvJsonActionDB::lookup(std::initializer_list<const char*> keys) {
         where += key ? key : "";
     }
     ALOGE("Invalid policy DB: %s is not an object", where.empty() ? "(root)" : where.c_str());
-    return nullptr;
 }
 
 // One link of an action set's reference chain in a single walk: the set and, when it is null,
@@ -132,13 +160,13 @@ bool OrvJsonActionDB::actionLink(const char* app, const char* state, const char*
     if (mRoot == nullptr) return false;
     pthread_mutex_lock(&mDocLock);
     Json::Value* action = mRoot;
-    bool ok = walk(action, {"applications", app, "action"}) == 3;
+    bool ok = walkFrom(action, {"applications", app, "action"}) == 3;
     Json::Value* cur = action;
-    ok = ok && walk(cur, {state, key}) == 2;
+    ok = ok && walkFrom(cur, {state, key}) == 2;
     if (ok) {
         *set = cur;
         *reference = action;
-        if (cur->isNull()) walk(*reference, {"reference"});
+        if (cur->isNull()) walkFrom(*reference, {"reference"});
     }
     pthread_mutex_unlock(&mDocLock);
     return ok;
@@ -185,14 +213,22 @@ std::string OrvJsonActionDB::getDBMinSupportParserVersionString() {
     return memberText("parser", "unknown");
 }
 
+std::string OrvJsonActionDB::findCycle() {
+    if (mRoot == nullptr) return std::string();
+    pthread_mutex_lock(&mDocLock);
+    std::string cycle = OrvCycleCheck::find(*mRoot);
+    pthread_mutex_unlock(&mDocLock);
+    return cycle;
+}
+
 bool OrvJsonActionDB::findApp(const char* appName) {
     if (appName == nullptr) {
         ALOGE("no appName");
         return false;
     }
-    if (mRoot == nullptr) return false;
-    Json::Value* app = lookup({"applications", appName});
-    return app != nullptr && !app->isNull();
+    Json::ValueType type = Json::nullValue;
+    std::string unused;
+    return lookupScalar({"applications", appName}, type, unused) && type != Json::nullValue;
 }
 
 bool OrvJsonActionDB::findAppParam(const char* appName, const char* paramName, std::string& out) {
@@ -200,24 +236,33 @@ bool OrvJsonActionDB::findAppParam(const char* appName, const char* paramName, s
         ALOGE("no appName or paramName");
         return false;
     }
-    if (mRoot == nullptr || !findApp(appName)) return false;
-    Json::Value* param = lookup({"applications", appName, "param", paramName});
-    if (param == nullptr) return false;  // the way there is malformed, and logged
-    if (!param->isNull()) {
-        if (!param->isArray() && !param->isObject()) {
-            out = param->asString();
-            return true;
+    // Each node is read under the document lock; references are followed in a loop, so a long
+    // chain cannot exhaust the stack (loaded documents hold no cycle).
+    std::string app = appName;
+    for (;;) {
+        if (!findApp(app.c_str())) return false;
+        Json::ValueType type = Json::nullValue;
+        std::string text;
+        if (!lookupScalar({"applications", app.c_str(), "param", paramName}, type, text)) {
+            return false;  // the way there is malformed, and logged
         }
-        ALOGE("Invalid policy DB: applications.%s.param.%s is not text", appName, paramName);
+        if (type != Json::nullValue) {
+            if (type != Json::arrayValue && type != Json::objectValue) {
+                out = text;
+                return true;
+            }
+            ALOGE("Invalid policy DB: applications.%s.param.%s is not text", app.c_str(), paramName);
+        }
+        if (!lookupScalar({"applications", app.c_str(), "param", "reference"}, type, text) ||
+            type == Json::nullValue) {
+            return false;
+        }
+        if (type != Json::stringValue) {
+            ALOGE("Invalid policy DB: applications.%s.param.reference is not text", app.c_str());
+            return false;
+        }
+        app = text;
     }
-    Json::Value* ref = lookup({"applications", appName, "param", "reference"});
-    if (ref == nullptr || ref->isNull()) return false;
-    if (!ref->isString()) {
-        ALOGE("Invalid policy DB: applications.%s.param.reference is not text", appName);
-        return false;
-    }
-    std::string refName = ref->asString();
-    return findAppParam(refName.c_str(), paramName, out);
 }
 
 Json::Value* OrvJsonActionDB::getActionSet(const char* appName, const char* stateName,

@@ -42,6 +42,7 @@ class OrvJsonActionDB : public OrvActionDB {
     std::string getDBVersionString() override;
     float getDBMinSupportParserVersion() override;
     std::string getDBMinSupportParserVersionString() override;
+    std::string findCycle() override;
     ~OrvJsonActionDB() override;
 
     // Follows "action" → "reference" until a set is found; null when none. `referenceOut` names
@@ -74,6 +75,14 @@ class OrvJsonActionDB : public OrvActionDB {
     Json::Value* lookup(std::initializer_list<const char*> keys);
     bool actionLink(const char* app, const char* state, const char* key, Json::Value** set,
                     Json::Value** reference);
+    // The type and, for a scalar, the text of the node at `keys`, both read under mDocLock: a
+    // lookup on another thread may turn a null node into an object at any moment.
+    bool lookupScalar(std::initializer_list<const char*> keys, Json::ValueType& type,
+                      std::string& text);
+    // The walk of lookup(), for a caller holding mDocLock; null when a node on the way is
+    // neither an object nor null, with `depth` the number of keys taken.
+    Json::Value* walk(std::initializer_list<const char*> keys, size_t& depth);
+    void logNotObject(std::initializer_list<const char*> keys, size_t depth);
     std::string memberText(const char* key, const char* absent);
     Json::Value* defaultResetSet();
     int runKeyedAction(OrvAction* action, const char* app, const char* state, const char* key,

@@ -20,9 +20,19 @@ OrvMsgHandler::~OrvMsgHandler() {
 // destroyed after it, once the daemon has stopped the listener thread that writes to it.
 static std::string msgBuf;
 
+// A header that never completes keeps every later byte of every client; past this the buffer is
+// dropped like a broken message instead of growing until memory runs out.
+static const size_t kMsgBufMax = 1u << 20;
+
 void OrvMsgHandler::consume(const char* data, int len, SocketClient* client) {
     if (!msgBuf.empty()) {
         ALOGW("msgBuf is not empty");
+    }
+    if (len > 0 && msgBuf.size() + static_cast<size_t>(len) > kMsgBufMax) {
+        ALOGE("msg parser error: msgBuf would pass %zu bytes", kMsgBufMax);
+        ALOGE("msg parser error: clear msg");
+        msgBuf.clear();
+        if (static_cast<size_t>(len) > kMsgBufMax) return;
     }
     if (len > 0) {
         msgBuf.append(data, len);

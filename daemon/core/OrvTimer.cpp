@@ -8,9 +8,10 @@
 
 #include "daemon/core/OrvLog.h"
 
+// Never destroyed: its thread is never joined and would run on in a dead object after exit().
 OrvTimer& OrvTimer::getInstance() {
-    static OrvTimer instance;
-    return instance;
+    static OrvTimer* instance = new OrvTimer();
+    return *instance;
 }
 
 OrvTimer::OrvTimer() : mPeriod(0), mWork(nullptr) {
@@ -18,8 +19,6 @@ OrvTimer::OrvTimer() : mPeriod(0), mWork(nullptr) {
     pthread_cond_init(&mCond, nullptr);
 }
 
-// The timer thread is never joined and may still wait on the condition variable at exit;
-// destroying it then would block in glibc, so the primitives are left to the process.
 OrvTimer::~OrvTimer() {}
 
 void OrvTimer::set(int ms) {

@@ -19,18 +19,19 @@ OrvWorkQueue::~OrvWorkQueue() {
     close();
 }
 
-void OrvWorkQueue::close() {
-    if (mClosed) return;
+bool OrvWorkQueue::close() {
+    if (mClosed) return true;
     // Bounded: exit() may run on the serving thread itself, in the middle of a work.
     struct timespec deadline;
     clock_gettime(CLOCK_REALTIME, &deadline);
     deadline.tv_sec += 2;
-    if (pthread_mutex_timedlock(&mLock, &deadline) != 0) return;
+    if (pthread_mutex_timedlock(&mLock, &deadline) != 0) return false;
     mClosed = true;
     for (OrvWork* work : mQueue) {
         if (work->isDeleteAfterRun()) delete work;
     }
     mQueue.clear();
+    return true;
 }
 
 void OrvWorkQueue::push_back(OrvWork* work) {

@@ -16,8 +16,9 @@ class OrvWorkQueue : public Thread {
 
     void push_back(OrvWork* work);
     // For teardown: waits for the running work, then keeps the queue locked for good so that
-    // its thread never touches the queue again, and drops what is still queued.
-    void close();
+    // its thread never touches the queue again, and drops what is still queued. False when the
+    // running work did not end in time: its thread may still use what the work uses.
+    bool close();
 
   private:
     std::list<OrvWork*> mQueue;

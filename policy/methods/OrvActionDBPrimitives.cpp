@@ -12,6 +12,7 @@
 
 #include "daemon/core/OrvLog.h"
 #include "policy/OrvActionDB.h"
+#include "policy/OrvChildProcess.h"
 #include "policy/methods/OrvDevice.h"
 #include "policy/methods/OrvIoctlCfg.h"
 
@@ -113,7 +114,7 @@ int OrvActionDB::writeFile(const char* path, const char* text) {
 void OrvActionDB::shell(const char* program, const char* arguments) {
     if (OrvDevice::get().divertProgram(program, arguments)) return;
     std::string command = std::string(program) + " " + arguments;
-    int ret = system(command.c_str());
+    int ret = OrvChildProcess::runShell(command.c_str());
     if (ret == -1) {
         ALOGE("system(\"%s\") failed @%s", command.c_str(), getCurActionInfoStr().c_str());
     } else if (ret != 0) {

@@ -206,3 +206,28 @@ TEST(CodeTable, ConversationWithContextAndPolicy) {
 }
 
 }  // namespace
+
+namespace {
+
+// "[5,-2]x" never completes; below the cap everything after it is kept, as the framing rules
+// say. Past 1 MiB the buffer is cleared and the next frame is heard again.
+TEST_F(Trace, AStalledHeaderHoldsAtMostOneMebibyte) {
+    orvtest::setDebug(false);
+    w.feed("[5,-2]x");
+    const std::string chunk(511, 'y');
+    size_t fed = 7;
+    for (; fed + chunk.size() <= (1u << 20); fed += chunk.size()) w.feed(chunk);
+    w.feed("[999,0]");
+    EXPECT_EQ(0, log.count("msg parser error: clear msg"));
+    EXPECT_EQ("", w.replies());
+    w.feed(chunk);
+    EXPECT_EQ(1, log.count("msg parser error: msgBuf would pass 1048576 bytes"));
+    // Cleared once for the cap, once more for the arrival itself, which holds no "[".
+    EXPECT_EQ(2, log.count("msg parser error: clear msg"));
+    log.clear();
+    w.feed("[999,0]");
+    EXPECT_EQ(undefined("999"), w.replies());
+    EXPECT_EQ(0, log.count("msgBuf is not empty"));
+}
+
+}  // namespace

@@ -1,9 +1,14 @@
 #include <android/log.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <orvhost/host.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <functional>
 #include <regex>
 #include <sstream>
@@ -130,6 +135,53 @@ TEST(Log, ConcurrentRecordsDoNotInterleave) {
         EXPECT_EQ(a.text.substr(0, a.text.size() - 6) + " second", b.text);
         EXPECT_EQ(a.tid, b.tid);
     }
+}
+
+// Pid and tid are cached per process and per thread: a record still names the process and
+// thread that wrote it, after fork() and on every thread.
+TEST(Log, PidAndTidAreTheWritersAfterForkAndOnEveryThread) {
+    auto lines = captureStderr([] {
+        __android_log_write(ANDROID_LOG_INFO, "T", "parent");
+        pid_t child = fork();
+        if (child == 0) {
+            __android_log_write(ANDROID_LOG_INFO, "T", "child");
+            _exit(0);
+        }
+        waitpid(child, nullptr, 0);
+        std::thread([] { __android_log_write(ANDROID_LOG_INFO, "T", "thread"); }).join();
+    });
+    ASSERT_EQ(3u, lines.size());
+    Parsed parent = parse(lines[0]), child = parse(lines[1]), thread = parse(lines[2]);
+    EXPECT_EQ(getpid(), atoi(parent.pid.c_str()));
+    EXPECT_EQ(gettid(), atoi(parent.tid.c_str()));
+    EXPECT_NE(parent.pid, child.pid);
+    EXPECT_EQ(child.pid, child.tid);  // the only thread of the child
+    EXPECT_EQ(parent.pid, thread.pid);
+    EXPECT_NE(parent.tid, thread.tid);
+}
+
+// A handler that logs while the interrupted thread is in the middle of a record: with a lock
+// around the write this deadlocks within a few thousand records.
+TEST(Log, ASignalHandlerThatLogsNeverWaitsForTheInterruptedRecord) {
+    pid_t child = fork();
+    if (child == 0) {
+        dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
+        signal(SIGALRM, [](int) { __android_log_write(ANDROID_LOG_INFO, "OrvMain", "caught"); });
+        itimerval every{{0, 200}, {0, 200}};
+        setitimer(ITIMER_REAL, &every, nullptr);
+        for (int i = 0; i < 20000; ++i)
+            __android_log_print(ANDROID_LOG_DEBUG, "T", "record %d\nsecond line", i);
+        _exit(0);
+    }
+    int status = -1;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (waitpid(child, &status, WNOHANG) == 0 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (waitpid(child, &status, WNOHANG) == 0) {
+        kill(child, SIGKILL), waitpid(child, &status, 0);
+        FAIL() << "the handler deadlocked";
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 TEST(HostPath, ResolvesUnderRoot) {
