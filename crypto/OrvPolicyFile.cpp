@@ -10,18 +10,21 @@ const char OrvPolicyFile::kCannotOpen[] = "cannot open";
 namespace {
 
 // Refuses what is not a regular file or is already known to be too large; `fd` is open.
-const char* checkOpened(int fd, size_t cap) {
+const char* checkOpened(int fd, size_t cap, size_t& size) {
     struct stat st;
     if (fstat(fd, &st) != 0) return "cannot stat";
     if (!S_ISREG(st.st_mode)) return "not a regular file";
     if (st.st_size < 0 || static_cast<unsigned long long>(st.st_size) > cap) return "too large";
+    size = static_cast<size_t>(st.st_size);
     return nullptr;
 }
 
 // Reads to the end, but never more than `cap` bytes: a file may grow while it is read, and some
-// (procfs, sysfs) report a size of 0 whatever they hold.
-const char* readAll(int fd, size_t cap, std::string& out) {
+// (procfs, sysfs) report a size of 0 whatever they hold. Room for the size fstat saw is taken
+// up front, so a policy is not copied again each time the string doubles.
+const char* readAll(int fd, size_t cap, size_t expect, std::string& out) {
     out.clear();
+    out.reserve(expect);
     char chunk[16384];
     for (;;) {
         ssize_t n = ::read(fd, chunk, sizeof(chunk));
@@ -43,8 +46,9 @@ bool OrvPolicyFile::read(const char* path, size_t cap, std::string& out, const c
         reason = kCannotOpen;
         return false;
     }
-    reason = checkOpened(fd, cap);
-    if (reason == nullptr) reason = readAll(fd, cap, out);
+    size_t size = 0;
+    reason = checkOpened(fd, cap, size);
+    if (reason == nullptr) reason = readAll(fd, cap, size, out);
     close(fd);
     if (reason != nullptr) out.clear();
     return reason == nullptr;

@@ -38,62 +38,77 @@ void OrvMsgHandler::consume(const char* data, int len, SocketClient* client) {
         msgBuf.append(data, len);
     }
     ORV_LOGD("consume(msg=%s), msgBuf=%s", data, msgBuf.c_str());
+    size_t used = cutFrames(client);
+    msgBuf.erase(0, used);
+}
 
-    while (!msgBuf.empty()) {
-        size_t open = msgBuf.find('[');
+// Frames are cut where they lie: `at` marks the start of what is left, and only a frame's end is
+// NUL-terminated for the moment its handler runs. Returns how many leading bytes were used up.
+size_t OrvMsgHandler::cutFrames(SocketClient* client) {
+    size_t at = 0;
+    while (at < msgBuf.size()) {
+        const char* rest = msgBuf.c_str() + at;
+        size_t open = msgBuf.find('[', at);
         if (open == std::string::npos) {
-            ALOGE("msg parser error: missing '[', broken msg(%s)", msgBuf.c_str());
+            ALOGE("msg parser error: missing '[', broken msg(%s)", rest);
             ALOGE("msg parser error: clear msg");
             msgBuf.clear();
-            return;
+            return 0;
         }
-        if (open > 0) {
-            ALOGE("msg parser error: missing '[', broken msg(%s)", msgBuf.c_str());
+        if (open > at) {
+            ALOGE("msg parser error: missing '[', broken msg(%s)", rest);
             ALOGE("msg parser error: fixed by skip to first head");
             // Only the "[" survives; what followed it is dropped too.
-            msgBuf = msgBuf.substr(open, 1);
+            msgBuf.assign(1, '[');
+            at = 0;
             continue;
         }
-        size_t comma = msgBuf.find(',');
+        size_t comma = msgBuf.find(',', at);
         if (comma == std::string::npos) {
-            ALOGE("msg parser error: missing ',', broken msg(%s)", msgBuf.c_str());
+            ALOGE("msg parser error: missing ',', broken msg(%s)", rest);
             ALOGE("msg parser error: wait next msg");
-            return;
+            return at;
         }
-        int code = atoi(msgBuf.substr(1, comma - 1).c_str());
+        // atoi stops at the comma, as it would at the end of the code's own copy.
+        int code = atoi(rest + 1);
         size_t close = msgBuf.find(']', comma);
         if (close == std::string::npos) {
-            ALOGE("msg parser error: missing ']', broken msg(%s)", msgBuf.c_str());
+            ALOGE("msg parser error: missing ']', broken msg(%s)", rest);
             ALOGE("msg parser error: wait next msg");
-            return;
+            return at;
         }
         int payloadLen = atoi(msgBuf.c_str() + comma + 1);
-        std::string remain = msgBuf.substr(close + 1);
-        ORV_LOGD("msgBuf=%s", msgBuf.c_str());
+        size_t body = close + 1;
+        size_t remain = msgBuf.size() - body;
+        ORV_LOGD("msgBuf=%s", rest);
         ORV_LOGD("matchCnt=%d, code=%d, payload_len=%d, remainStr=%s", 3, code, payloadLen,
-                 remain.c_str());
+                 msgBuf.c_str() + body);
         if (payloadLen == -1 || code < 1) {
-            ALOGE("msg parser error: invalid header, msg(%s)", msgBuf.c_str());
+            ALOGE("msg parser error: invalid header, msg(%s)", rest);
             ALOGE("msg parser error: clear msg");
             msgBuf.clear();
-            return;
+            return 0;
         }
         // Taken unsigned, so any other negative length waits for ever.
         uint32_t want = static_cast<uint32_t>(payloadLen);
-        if (want == remain.size()) {
-            consumeMsg(code, remain.c_str(), client);
+        if (want == remain) {
+            consumeMsg(code, msgBuf.c_str() + body, client);
             msgBuf.clear();
-            return;
+            return 0;
         }
-        if (want > remain.size()) {
+        if (want > remain) {
             ALOGW("msg parser error: payload length is not enough");
             ALOGW("msg parser error: wait next msg");
-            return;
+            return at;
         }
-        std::string payload = remain.substr(0, want);
-        consumeMsg(code, payload.c_str(), client);
-        msgBuf = remain.substr(want);
+        size_t end = body + want;
+        char saved = msgBuf[end];
+        msgBuf[end] = '\0';
+        consumeMsg(code, msgBuf.c_str() + body, client);
+        msgBuf[end] = saved;
+        at = end;
     }
+    return at;
 }
 
 const char* OrvMsgHandler::getPNameByPid(int pid) {

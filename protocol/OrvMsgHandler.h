@@ -31,6 +31,7 @@ class OrvMsgHandler {
     void setActionManager(OrvActionManager* manager) { mActionManager = manager; }
 
   private:
+    size_t cutFrames(SocketClient* client);
     // LIST_VIEW, VIEW_GESTURE and SCALE by their type.
     void onViewEvent(int code, int pid, int type);
     // Answers a parameter of the app that runs as `pid`, `fallback` when there is none.
