@@ -18,21 +18,6 @@
 #include "daemon/core/OrvTimer.h"
 #include "scenario/OrvState.h"
 
-namespace {
-
-// The engine's lines name the action sets and carry its refusals. liblog has no logger hook
-// common to every release, so on a device they stay in logcat and the simulation shows effects
-// without them; the values it predicts are the same.
-#if defined(__ANDROID__)
-void captureLog(void (*)(int, const char*, const char*, void*), void*) {}
-#else
-void captureLog(orvhost_log_hook_t hook, void* cookie) {
-    orvhost_set_log_hook(hook, cookie, false);
-}
-#endif
-
-}  // namespace
-
 // Queued behind everything the engine was given; runs when all of it has run.
 class OrvSimBarrier : public OrvActionManager::OrvAction {
   public:
@@ -49,6 +34,17 @@ class OrvSimBarrier : public OrvActionManager::OrvAction {
 };
 
 namespace {
+
+// The engine's lines name the action sets and carry its refusals. liblog has no logger hook
+// common to every release, so on a device they stay in logcat and the simulation shows effects
+// without them; the values it predicts are the same.
+#if defined(__ANDROID__)
+void captureLog(void (*)(int, const char*, const char*, void*), void*) {}
+#else
+void captureLog(orvhost_log_hook_t hook, void* cookie) {
+    orvhost_set_log_hook(hook, cookie, false);
+}
+#endif
 
 // Swaps ORV_ROOT for the lifetime of the object.
 class ScopedRoot {
