@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <map>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -34,36 +35,41 @@ std::string OrvCycleCheck::find(const Json::Value& root) {
 }
 
 // Each application names at most one other, so every walk is a chain; a chain that meets an
-// application of its own walk is a loop. Applications already cleared end a walk early.
+// application of its own walk is a loop. Applications already cleared end a walk early. Only
+// applications that name another are remembered: the rest end any walk anyway, and a policy
+// with thousands of applications and few references then costs no allocation per application.
 std::string OrvCycleCheck::findReferenceCycle(const Json::Value& apps, const char* section) {
-    auto next = [&](const std::string& name, std::string& out) {
-        const Json::Value* app = memberOf(apps, name.c_str());
-        const Json::Value* part = app ? memberOf(*app, section) : nullptr;
+    auto reference = [&](const Json::Value& app) -> const char* {
+        const Json::Value* part = memberOf(app, section);
         const Json::Value* ref = part ? memberOf(*part, "reference") : nullptr;
-        if (ref == nullptr || !ref->isString()) return false;
-        out = ref->asString();
-        return true;
+        return ref != nullptr && ref->isString() ? ref->asCString() : nullptr;
     };
-    std::map<std::string, int> walkOf;  // application -> walk that visited it
+    std::unordered_map<const Json::Value*, int> walkOf;  // application -> walk that visited it
+    std::vector<std::pair<const Json::Value*, std::string>> path;
     int walk = 0;
-    for (const std::string& start : apps.getMemberNames()) {
-        if (walkOf.count(start)) continue;
+    for (auto it = apps.begin(); it != apps.end(); ++it) {
+        const char* target = reference(*it);
+        if (target == nullptr || walkOf.count(&*it)) continue;
         ++walk;
-        std::vector<std::string> path;
-        std::map<std::string, size_t> at;
-        std::string cur = start;
-        for (;;) {
+        path.clear();
+        const Json::Value* cur = &*it;
+        std::string name = it.name();
+        while (cur != nullptr) {
             auto seen = walkOf.find(cur);
             if (seen != walkOf.end()) {
                 if (seen->second != walk) break;
-                return std::string(section) + " reference cycle: " + chain(path, at[cur], cur);
+                size_t from = 0;
+                while (path[from].first != cur) ++from;
+                std::vector<std::string> names;
+                for (size_t i = from; i < path.size(); ++i) names.push_back(path[i].second);
+                return std::string(section) + " reference cycle: " + chain(names, 0, name);
             }
+            target = reference(*cur);
+            if (target == nullptr) break;
             walkOf[cur] = walk;
-            at[cur] = path.size();
-            path.push_back(cur);
-            std::string target;
-            if (!next(cur, target)) break;
-            cur = target;
+            path.emplace_back(cur, name);
+            name = target;
+            cur = memberOf(apps, target);
         }
     }
     return std::string();

@@ -2,11 +2,13 @@
 #include "policy/OrvJsonActionDB.h"
 
 #include <stdio.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "crypto/OrvPolicyFile.h"
 #include "crypto/OrvSecurityUtil.h"
 #include "daemon/core/OrvDevicePath.h"
+#include "daemon/core/OrvHeapReserve.h"
 #include "daemon/core/OrvLog.h"
 #include "policy/OrvCycleCheck.h"
 
@@ -69,6 +71,11 @@ OrvJsonActionDB* OrvJsonActionDB::createDB(const char* path, bool encrypted) {
         ORV_LOGD("decrypt DB %s success", path);
         readPath = intermediate;
     }
+    // The text and then JsonCpp's tree, about nine bytes of heap for each byte of text, come
+    // from pages made resident at once.
+    struct stat st;
+    OrvHeapReserve reserve(stat(readPath.c_str(), &st) == 0 ? static_cast<size_t>(st.st_size) * 11
+                                                            : 0);
     std::string text;
     const char* reason = nullptr;
     if (!OrvPolicyFile::read(readPath.c_str(), OrvPolicyFile::kMaxPlainSize, text, reason)) {

@@ -1,5 +1,6 @@
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -96,6 +97,31 @@ TEST(Properties, SetIsAtomicForConcurrentReaders) {
     for (const auto& entry : std::filesystem::directory_iterator(root / "dev/__properties__"))
         EXPECT_NE(0u, entry.path().filename().string().rfind(".set.", 0))
             << "temporary file left behind: " << entry.path();
+}
+
+// A set of the value already stored leaves the file as it is; anything else replaces it.
+TEST(Properties, SettingTheStoredValueAgainKeepsTheFile) {
+    orvtest::TempRoot root;
+    auto inode = [&] {
+        struct stat st = {};
+        stat((root / "dev/__properties__/same.prop").c_str(), &st);
+        return st.st_ino;
+    };
+    ASSERT_EQ(0, property_set("same.prop", "x"));
+    const ino_t first = inode();
+    EXPECT_EQ(0, property_set("same.prop", "x"));
+    EXPECT_EQ(first, inode());
+    EXPECT_EQ(0, property_set("same.prop", "y"));
+    EXPECT_NE(first, inode());
+    EXPECT_EQ("y", stored(root, "same.prop"));
+    // Written by hand with a line feed: not the same bytes, so the set writes.
+    root.write("dev/__properties__/same.prop", "y\n");
+    EXPECT_EQ(0, property_set("same.prop", "y"));
+    EXPECT_EQ("y", stored(root, "same.prop"));
+    // Longer than a value can be: a set of its first 91 bytes is no match either.
+    root.write("dev/__properties__/same.prop", std::string(91, 'a') + "tail");
+    EXPECT_EQ(0, property_set("same.prop", std::string(91, 'a').c_str()));
+    EXPECT_EQ(std::string(91, 'a'), stored(root, "same.prop"));
 }
 
 // Readers keep values between sets; every way a value can change under them must still show.

@@ -221,10 +221,15 @@ extern "C" int property_set(const char* key, const char* value) {
     std::lock_guard<std::mutex> lock(gSetLock);
     const std::string dir = storeDir();
     const std::string path = dir + "/" + key;
-    if (strncmp(key, "ro.", 3) == 0) {
-        char old[PROPERTY_VALUE_MAX];
-        if (readValue(path, old) > 0) return -1;
-    }
+    char old[PROPERTY_VALUE_MAX];
+    const int oldLen = readValue(path, old);
+    if (strncmp(key, "ro.", 3) == 0 && oldLen > 0) return -1;
+    // Setting what is already stored changes nothing a reader can see; the file, the rename and
+    // the journal work it costs are skipped. A stored text that may run on past what readValue
+    // takes is never called equal.
+    if (oldLen == static_cast<int>(len) && len < PROPERTY_VALUE_MAX - 1 &&
+        memcmp(old, value, len) == 0)
+        return 0;
     // A temporary file in the same directory (its leading dot is no valid property name), then
     // rename: readers see the old value or the new one, never a part. The store is made only
     // when the file cannot be, which spares every later set the walk down its path.
