@@ -24,6 +24,7 @@
 #include "daemon/core/OrvLog.h"
 #include "policy/OrvActionDB.h"
 #include "policy/OrvActionManager.h"
+#include "policy/OrvJsonParser.h"
 
 namespace {
 
@@ -69,6 +70,36 @@ const char* pick(const std::vector<std::string>& names, uint8_t byte) {
     return names[byte % names.size()].c_str();
 }
 
+// Json::Value's == lets 1 and 1u be equal; the trees must match in types too.
+bool sameTree(const Json::Value& a, const Json::Value& b) {
+    if (a.type() != b.type()) return false;
+    if (a.isObject()) {
+        if (a.getMemberNames() != b.getMemberNames()) return false;
+        for (auto it = a.begin(); it != a.end(); ++it) {
+            const Json::Value* other = b.find(it.name().data(), it.name().data() + it.name().size());
+            if (other == nullptr || !sameTree(*it, *other)) return false;
+        }
+        return true;
+    }
+    if (a.isArray()) {
+        if (a.size() != b.size()) return false;
+        for (Json::ArrayIndex i = 0; i < a.size(); ++i)
+            if (!sameTree(a[i], b[i])) return false;
+        return true;
+    }
+    return a == b;
+}
+
+// A loaded document is shallow enough for the reader. The quick parser may decline it, but
+// what it takes must be what the reader takes, as the reader builds it.
+void checkQuickParser(const std::string& doc) {
+    Json::Value quick, slow;
+    if (!OrvJsonParser::parse(doc.data(), doc.data() + doc.size(), quick)) return;
+    if (!Json::Reader().parse(doc.data(), doc.data() + doc.size(), slow, true) ||
+        !sameTree(quick, slow))
+        abort();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -97,6 +128,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::ofstream(gPolicy, std::ios::binary | std::ios::trunc) << doc;
     OrvActionDB* db = gManager->loadDBFromfile(gPolicy.c_str());
     if (db == nullptr) return 0;
+    checkQuickParser(doc);
 
     std::vector<std::string> apps = {"", "com.a", "A"};
     Json::Value root;

@@ -11,6 +11,7 @@
 #include "daemon/core/OrvHeapReserve.h"
 #include "daemon/core/OrvLog.h"
 #include "policy/OrvCycleCheck.h"
+#include "policy/OrvJsonParser.h"
 
 static const char* const PARSER_VERSION = "v1.0";
 static const char* const INTERMEDIATE_FILE = "/data/___orvtemp";
@@ -74,7 +75,7 @@ OrvJsonActionDB* OrvJsonActionDB::createDB(const char* path, bool encrypted) {
     // The text and then JsonCpp's tree, about nine bytes of heap for each byte of text, come
     // from pages made resident at once.
     struct stat st;
-    OrvHeapReserve reserve(stat(readPath.c_str(), &st) == 0 ? static_cast<size_t>(st.st_size) * 11
+    OrvHeapReserve reserve(stat(readPath.c_str(), &st) == 0 ? static_cast<size_t>(st.st_size) * 10
                                                             : 0);
     std::string text;
     const char* reason = nullptr;
@@ -94,8 +95,14 @@ OrvJsonActionDB* OrvJsonActionDB::createDB(const char* path, bool encrypted) {
     }
     Json::Value* root = new Json::Value();
     Json::Reader reader;
-    // The pointer form parses the text where it is; the string form would copy it first.
-    if (!reader.parse(text.data(), text.data() + text.size(), *root, true)) {
+    // What the quick parser leaves (escapes, fractions, anything malformed) goes to JsonCpp,
+    // whose verdict and messages stand. The pointer form parses the text where it is.
+    bool parsed = OrvJsonParser::parse(text.data(), text.data() + text.size(), *root);
+    if (!parsed) {
+        *root = Json::Value();
+        parsed = reader.parse(text.data(), text.data() + text.size(), *root, true);
+    }
+    if (!parsed) {
         ALOGE("Failed to parse %s %s:\n%s", path, stage, reader.getFormattedErrorMessages().c_str());
         delete root;
         return nullptr;
