@@ -35,19 +35,24 @@ void* waitForSignals(void*) {
     return nullptr;
 }
 
-// SIGINT is blocked in every other thread (they inherit the mask from here), so the handler only
-// ever interrupts this idle thread: exit() then never waits for a lock that the interrupted
-// code holds, whatever the daemon was doing.
-void takeSigintOnOwnThread() {
+// SIGINT is blocked in every thread (they inherit the mask from main) but one that only waits
+// for it, so the handler only ever interrupts that idle thread: exit() then never waits for a
+// lock that the interrupted code holds, whatever the daemon was doing.
+void blockSigint(int how) {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    pthread_sigmask(how, &set, nullptr);
+}
+
+// Started once the daemon is up (or parked): start-up is not kept waiting for it, and a SIGINT
+// that came meanwhile has stayed pending and is taken as soon as the thread waits.
+void takeSigintOnOwnThread() {
     pthread_t thread;
     if (pthread_create(&thread, nullptr, waitForSignals, nullptr) == 0) {
         pthread_detach(thread);
     } else {
-        pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+        blockSigint(SIG_UNBLOCK);
     }
 }
 
@@ -96,11 +101,13 @@ int main(int argc, char** argv) {
     raiseDescriptorLimit();
     OrvLogUpdateToggle();
     installHandler(SIGINT, signal_callback_handler);
-    takeSigintOnOwnThread();
+    blockSigint(SIG_BLOCK);
     // A client that hangs up before its reply must not take the daemon down.
     installHandler(SIGPIPE, SIG_IGN);
 
-    if (!Orvello::init()) {
+    const bool ready = Orvello::init();
+    takeSigintOnOwnThread();
+    if (!ready) {
         block_here();
     }
     Orvello::run();
