@@ -1,57 +1,173 @@
 #include "crypto/Aes256.h"
 
+#include <string.h>
+
 namespace {
+
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "columns are read as little-endian words");
 
 // Sixteen bytes that advance together. GCC and clang lower these to SSE2 on x86 and NEON on
 // ARM, and to plain byte loops where neither exists. Wider vectors would be split into scalar
-// code without AVX, so more lanes are more vectors.
+// code without AVX, so more lanes are more vectors. The block is four columns of four bytes, so
+// the same register seen as four words moves whole columns.
 typedef uint8_t Lanes __attribute__((vector_size(16)));
 typedef int8_t SignedLanes __attribute__((vector_size(16)));
+typedef uint32_t Words __attribute__((vector_size(16)));
+
+inline Lanes bytes(Words w) {
+    return reinterpret_cast<Lanes>(w);
+}
+
+inline Words words(Lanes b) {
+    return reinterpret_cast<Words>(b);
+}
+
+inline Lanes xtime(Lanes x) {
+    return (x + x) ^ (reinterpret_cast<Lanes>(reinterpret_cast<SignedLanes>(x) < 0) & 0x1b);
+}
 
 inline Lanes mul3(Lanes x) {
-    Lanes carry = reinterpret_cast<Lanes>(reinterpret_cast<SignedLanes>(x) < 0) & 0x1b;
-    return x ^ (x + x) ^ carry;
+    return x ^ xtime(x);
 }
 
-// 3 generates the multiplicative group: walking x * 3^k and 3^k together, the first reaches 1
-// exactly when the second is the inverse of x. Every lane takes the same 255 steps, so one walk
-// serves them all; a zero lane never reaches 1 and keeps the inverse AES gives it, 0.
-template <int N>
-void gfInverseLanes(Lanes* x) {
-    const Lanes zero = {}, one = zero + 1;
-    Lanes power = one, inverse[N];
-    for (int v = 0; v < N; ++v) inverse[v] = zero;
-    for (int k = 0; k < 255; ++k) {
-        for (int v = 0; v < N; ++v) {
-            inverse[v] |= reinterpret_cast<Lanes>(x[v] == one) & power;
-            x[v] = mul3(x[v]);
+constexpr uint8_t mul3(uint8_t x) {
+    return static_cast<uint8_t>(x ^ (x << 1) ^ ((x & 0x80) ? 0x1b : 0));
+}
+
+constexpr uint8_t powerOf3(int n) {
+    uint8_t p = 1;
+    for (int i = 0; i < n % 255; ++i) p = mul3(p);
+    return p;
+}
+
+template <int J>
+inline Lanes splatWord(Words w) {
+    return bytes(__builtin_shufflevector(w, w, J, J, J, J));
+}
+
+// 3 generates the multiplicative group, so x = 3^L and its inverse is 3^-L. Every lane walks
+// x * 3^k; at step k it meets the fixed point 3^(kSteps * t) exactly when 3^(k - kSteps * t) is
+// its inverse. Those kGroups candidates walk alongside, four to a register and one per column,
+// so that a single shuffle spreads one over all lanes. kGroups points shorten the walk to
+// kSteps, the same for every lane and every value, and every step looks at every candidate:
+// nothing is indexed by data. The fixed points are compile-time constants, like 0x1b. A zero
+// lane meets none of them and keeps the inverse AES gives it, 0.
+constexpr int kRegisters = 4, kGroups = 4 * kRegisters, kSteps = (255 + kGroups - 1) / kGroups;
+
+constexpr uint8_t fixedPoint(int t) {
+    return powerOf3(kSteps * t);
+}
+
+constexpr uint32_t candidateStart(int t) {
+    return 0x01010101u * powerOf3(255 - kSteps * t);
+}
+
+template <int T>
+inline Lanes matches(Lanes walk) {
+    constexpr uint8_t point = fixedPoint(T);
+    return reinterpret_cast<Lanes>(walk == (Lanes{} + point));
+}
+
+// Tries the four candidates of register G against every lane, then advances them one step.
+template <int G, int V>
+inline void matchRegisters(Words* candidates, const Lanes* walk, Lanes* inverse) {
+    if constexpr (G < kRegisters) {
+        const Words c = candidates[G];
+        const Lanes q0 = splatWord<0>(c), q1 = splatWord<1>(c), q2 = splatWord<2>(c),
+                    q3 = splatWord<3>(c);
+#pragma GCC unroll 4
+        for (int v = 0; v < V; ++v) {
+            inverse[v] |= (matches<4 * G>(walk[v]) & q0) | (matches<4 * G + 1>(walk[v]) & q1) |
+                          (matches<4 * G + 2>(walk[v]) & q2) | (matches<4 * G + 3>(walk[v]) & q3);
         }
-        power = mul3(power);
+        candidates[G] = words(mul3(bytes(c)));
+        matchRegisters<G + 1, V>(candidates, walk, inverse);
     }
-    for (int v = 0; v < N; ++v) x[v] = inverse[v];
 }
 
-uint8_t xtime(uint8_t x) {
-    return static_cast<uint8_t>((x << 1) ^ ((x & 0x80) ? 0x1b : 0x00));
+template <int G>
+inline void startCandidates(Words* candidates) {
+    if constexpr (G < kRegisters) {
+        constexpr Words start = {candidateStart(4 * G), candidateStart(4 * G + 1),
+                                 candidateStart(4 * G + 2), candidateStart(4 * G + 3)};
+        candidates[G] = start;
+        startCandidates<G + 1>(candidates);
+    }
 }
 
-uint8_t rotl8(uint8_t x, int n) {
-    return static_cast<uint8_t>((x << n) | (x >> (8 - n)));
+template <int V>
+void gfInverseLanes(Lanes* x) {
+    Words candidates[kRegisters];
+    startCandidates<0>(candidates);
+    Lanes inverse[V] = {}, walk[V];
+    for (int v = 0; v < V; ++v) walk[v] = x[v];
+    for (int k = 0; k < kSteps; ++k) {
+        matchRegisters<0, V>(candidates, walk, inverse);
+#pragma GCC unroll 4
+        for (int v = 0; v < V; ++v) walk[v] = mul3(walk[v]);
+    }
+    for (int v = 0; v < V; ++v) x[v] = inverse[v];
 }
 
-uint8_t affine(uint8_t b) {
-    return b ^ rotl8(b, 1) ^ rotl8(b, 2) ^ rotl8(b, 3) ^ rotl8(b, 4) ^ 0x63;
+template <int N>
+inline Lanes rotl8(Lanes x) {
+    return (x << N) | (x >> (8 - N));
 }
 
-uint8_t invAffine(uint8_t x) {
-    return rotl8(x, 1) ^ rotl8(x, 3) ^ rotl8(x, 6) ^ 0x05;
+inline Lanes affine(Lanes b) {
+    return b ^ rotl8<1>(b) ^ rotl8<2>(b) ^ rotl8<3>(b) ^ rotl8<4>(b) ^ 0x63;
+}
+
+inline Lanes invAffine(Lanes x) {
+    return rotl8<1>(x) ^ rotl8<3>(x) ^ rotl8<6>(x) ^ 0x05;
+}
+
+// Byte r of every column takes byte r + N of the same column.
+template <int N>
+inline Words columnBytesFrom(Words w) {
+    return (w >> (8 * N)) | (w << (32 - 8 * N));
+}
+
+// Column c of the result is column c - 1 of the input, column 0 zero.
+inline Words wordsUp(Words w) {
+    return __builtin_shufflevector(w, Words{}, 4, 0, 1, 2);
+}
+
+// Row r was rotated left by r columns when enciphering.
+inline Lanes invShiftRows(Lanes b) {
+    const Words w = words(b);
+    return bytes((w & 0x000000ffu) | (__builtin_shufflevector(w, w, 3, 0, 1, 2) & 0x0000ff00u) |
+                 (__builtin_shufflevector(w, w, 2, 3, 0, 1) & 0x00ff0000u) |
+                 (__builtin_shufflevector(w, w, 1, 2, 3, 0) & 0xff000000u));
+}
+
+// Fixed doubling chains: 9, 11, 13 and 14 times a are sums of a, 2a, 4a and 8a.
+inline Lanes invMixColumns(Lanes a) {
+    const Lanes a2 = xtime(a), a4 = xtime(a2), a8 = xtime(a4);
+    const Lanes x9 = a8 ^ a, x11 = x9 ^ a2, x13 = x9 ^ a4, x14 = a8 ^ a4 ^ a2;
+    return x14 ^ bytes(columnBytesFrom<1>(words(x11)) ^ columnBytesFrom<2>(words(x13)) ^
+                       columnBytesFrom<3>(words(x9)));
+}
+
+inline Lanes load(const uint8_t* p) {
+    Lanes v;
+    memcpy(&v, p, sizeof(v));
+    return v;
+}
+
+inline void store(uint8_t* p, Lanes v) {
+    memcpy(p, &v, sizeof(v));
 }
 
 // Only the set-up, once per key, takes S-box values one at a time.
 uint8_t sbox(uint8_t x) {
     Lanes lanes[1] = {{x}};
     gfInverseLanes<1>(lanes);
-    return affine(lanes[0][0]);
+    return affine(lanes[0])[0];
+}
+
+uint8_t xtime(uint8_t x) {
+    return static_cast<uint8_t>((x << 1) ^ ((x & 0x80) ? 0x1b : 0x00));
 }
 
 // The schedule advances 32 bytes (two round keys) per step.
@@ -66,68 +182,28 @@ void expandKeyForward(uint8_t k[32], uint8_t& rcon) {
     for (int i = 20; i < 32; ++i) k[i] ^= k[i - 4];
 }
 
-// Exact inverse of expandKeyForward, in two halves around the S-box values it needs: the first
-// brings bytes 20..31 back one generation; those values are then k[12..15] (not yet touched)
-// and k[28..31], and `sub` holds their S-box values in that order.
-void expandKeyBackwardHigh(uint8_t k[32]) {
-    for (int i = 31; i >= 20; --i) k[i] ^= k[i - 4];
-}
-
-void expandKeyBackwardLow(uint8_t k[32], uint8_t& rcon, const uint8_t sub[8]) {
-    for (int i = 19; i >= 16; --i) k[i] ^= sub[i - 16];
-    for (int i = 15; i >= 4; --i) k[i] ^= k[i - 4];
-    rcon >>= 1;
-    k[0] ^= sub[5] ^ rcon;
-    k[1] ^= sub[6];
-    k[2] ^= sub[7];
-    k[3] ^= sub[4];
-}
-
-void addRoundKey(uint8_t block[16], const uint8_t* roundKey) {
-    for (int i = 0; i < 16; ++i) block[i] ^= roundKey[i];
-}
-
-// Inverse ShiftRows and SubBytes of the block; with `k` (odd rounds) also the eight S-box
-// values of the backward key step, from the same walk.
-void invShiftRowsSubBytes(uint8_t b[16], uint8_t* k, uint8_t sub[8]) {
-    Lanes lanes[2] = {};
-    for (int col = 0; col < 4; ++col) {
-        for (int row = 0; row < 4; ++row) {
-            // Row r was rotated left by r columns when enciphering.
-            lanes[0][4 * ((col + row) % 4) + row] = invAffine(b[4 * col + row]);
-        }
-    }
-    if (k) {
-        for (int i = 0; i < 4; ++i) {
-            lanes[1][i] = k[12 + i];
-            lanes[1][4 + i] = k[28 + i];
-        }
-        gfInverseLanes<2>(lanes);
-        for (int i = 0; i < 8; ++i) sub[i] = affine(lanes[1][i]);
-    } else {
+// One inverse round's SubBytes and ShiftRows; with `key` (odd rounds) also the exact inverse
+// of expandKeyForward, whose eight S-box values ride in the same walk as the block's sixteen.
+inline Lanes invSubShift(Lanes block, Lanes* key, uint32_t rcon) {
+    Lanes lanes[2] = {invAffine(invShiftRows(block))};
+    if (!key) {
         gfInverseLanes<1>(lanes);
+        return lanes[0];
     }
-    for (int i = 0; i < 16; ++i) b[i] = lanes[0][i];
-}
-
-// Fixed doubling chains: 9, 11, 13 and 14 times a are sums of a, 2a, 4a and 8a.
-void invMixColumns(uint8_t b[16]) {
-    for (int col = 0; col < 4; ++col) {
-        uint8_t* c = b + 4 * col;
-        uint8_t a[4], x2[4], x9[4], x11[4], x13[4], x14[4];
-        for (int r = 0; r < 4; ++r) {
-            a[r] = c[r];
-            x2[r] = xtime(a[r]);
-            uint8_t x4 = xtime(x2[r]), x8 = xtime(x4);
-            x9[r] = x8 ^ a[r];
-            x11[r] = x9[r] ^ x2[r];
-            x13[r] = x9[r] ^ x4;
-            x14[r] = x8 ^ x4 ^ x2[r];
-        }
-        for (int r = 0; r < 4; ++r) {
-            c[r] = x14[r] ^ x11[(r + 1) % 4] ^ x13[(r + 2) % 4] ^ x9[(r + 3) % 4];
-        }
-    }
+    Words low = words(key[0]), high = words(key[1]);
+    high ^= wordsUp(high);
+    // Bytes 12..15 (not yet brought back) and the restored 28..31, in words 0 and 1.
+    lanes[1] = bytes(__builtin_shufflevector(low, high, 3, 7, 3, 7));
+    gfInverseLanes<2>(lanes);
+    const Words sub = words(affine(lanes[1]));
+    high ^= __builtin_shufflevector(sub, Words{}, 0, 4, 4, 4);
+    low ^= wordsUp(low);
+    const Words last = __builtin_shufflevector(sub, Words{}, 1, 4, 4, 4);
+    const Words roundConstant = {rcon, 0, 0, 0};
+    low ^= ((last >> 8) | (last << 24)) ^ roundConstant;
+    key[0] = bytes(low);
+    key[1] = bytes(high);
+    return lanes[0];
 }
 
 }  // namespace
@@ -140,24 +216,22 @@ void aes256_init(aes256_context* ctx, const uint8_t key[32]) {
 }
 
 void aes256_decrypt_ecb(aes256_context* ctx, uint8_t block[16]) {
-    uint8_t rcon = 0x80;
-    uint8_t sub[8];
-    for (int i = 0; i < 32; ++i) ctx->key[i] = ctx->deckey[i];
-    addRoundKey(block, ctx->key);  // round key 14
+    uint32_t rcon = 0x80;
+    Lanes key[2] = {load(ctx->deckey), load(ctx->deckey + 16)};
+    Lanes b = load(block) ^ key[0];  // round key 14
     for (int round = 13; round >= 1; --round) {
         if (round & 1) {
-            expandKeyBackwardHigh(ctx->key);
-            invShiftRowsSubBytes(block, ctx->key, sub);
-            expandKeyBackwardLow(ctx->key, rcon, sub);
-            addRoundKey(block, ctx->key + 16);
+            rcon >>= 1;
+            b = invSubShift(b, key, rcon) ^ key[1];
         } else {
-            invShiftRowsSubBytes(block, nullptr, sub);
-            addRoundKey(block, ctx->key);
+            b = invSubShift(b, nullptr, 0) ^ key[0];
         }
-        invMixColumns(block);
+        b = invMixColumns(b);
     }
-    invShiftRowsSubBytes(block, nullptr, sub);
-    addRoundKey(block, ctx->key);  // round key 0, the cipher key itself
+    b = invSubShift(b, nullptr, 0) ^ key[0];  // round key 0, the cipher key itself
+    store(block, b);
+    store(ctx->key, key[0]);
+    store(ctx->key + 16, key[1]);
 }
 
 void aes256_done(aes256_context* ctx) {
