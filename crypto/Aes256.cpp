@@ -182,27 +182,28 @@ void expandKeyForward(uint8_t k[32], uint8_t& rcon) {
     for (int i = 20; i < 32; ++i) k[i] ^= k[i - 4];
 }
 
-// One inverse round's SubBytes and ShiftRows; with `key` (odd rounds) also the exact inverse
-// of expandKeyForward, whose eight S-box values ride in the same walk as the block's sixteen.
-inline Lanes invSubShift(Lanes block, Lanes* key, uint32_t rcon) {
-    Lanes lanes[2] = {invAffine(invShiftRows(block))};
-    if (!key) {
-        gfInverseLanes<1>(lanes);
-        return lanes[0];
-    }
-    Words low = words(key[0]), high = words(key[1]);
-    high ^= wordsUp(high);
-    // Bytes 12..15 (not yet brought back) and the restored 28..31, in words 0 and 1.
-    lanes[1] = bytes(__builtin_shufflevector(low, high, 3, 7, 3, 7));
-    gfInverseLanes<2>(lanes);
-    const Words sub = words(affine(lanes[1]));
-    high ^= __builtin_shufflevector(sub, Words{}, 0, 4, 4, 4);
+// The S-box inputs of one backward key step in words 0 and 1: bytes 12..15, and 28..31 once
+// brought back a generation. Words 2 and 3 hold the same for the step after it, which need none
+// of this step's S-box values, so one walk serves two steps.
+inline Words keyStepInputs(Words low, Words high) {
+    const Words notFirst = {0, ~0u, ~0u, ~0u};
+    return __builtin_shufflevector(low, high, 3, 7, 3, 7) ^
+           (__builtin_shufflevector(low, high, 0, 6, 2, 5) & notFirst);
+}
+
+// Exact inverse of expandKeyForward, given the S-box values of bytes 12..15 in word 0 of `sub`
+// and of bytes 28..31, brought back a generation, in word 1.
+inline void expandKeyBackward(Words& low, Words& high, Words sub, uint32_t rcon) {
+    high ^= wordsUp(high) ^ __builtin_shufflevector(sub, Words{}, 0, 4, 4, 4);
     low ^= wordsUp(low);
     const Words last = __builtin_shufflevector(sub, Words{}, 1, 4, 4, 4);
     const Words roundConstant = {rcon, 0, 0, 0};
     low ^= ((last >> 8) | (last << 24)) ^ roundConstant;
-    key[0] = bytes(low);
-    key[1] = bytes(high);
+}
+
+inline Lanes invShiftSubBytes(Lanes block) {
+    Lanes lanes[1] = {invAffine(invShiftRows(block))};
+    gfInverseLanes<1>(lanes);
     return lanes[0];
 }
 
@@ -217,21 +218,31 @@ void aes256_init(aes256_context* ctx, const uint8_t key[32]) {
 
 void aes256_decrypt_ecb(aes256_context* ctx, uint8_t block[16]) {
     uint32_t rcon = 0x80;
-    Lanes key[2] = {load(ctx->deckey), load(ctx->deckey + 16)};
-    Lanes b = load(block) ^ key[0];  // round key 14
+    Words low = words(load(ctx->deckey)), high = words(load(ctx->deckey + 16)), nextSub = {};
+    Lanes b = load(block) ^ bytes(low);  // round key 14
     for (int round = 13; round >= 1; --round) {
-        if (round & 1) {
-            rcon >>= 1;
-            b = invSubShift(b, key, rcon) ^ key[1];
+        // Every odd round brings the key back one step; rounds 13, 9, 5 and 1 walk for the S-box
+        // values of that step and the next together with the block's.
+        if (round % 4 == 1) {
+            Lanes lanes[2] = {invAffine(invShiftRows(b)), bytes(keyStepInputs(low, high))};
+            gfInverseLanes<2>(lanes);
+            const Words sub = words(affine(lanes[1]));
+            nextSub = __builtin_shufflevector(sub, sub, 2, 3, 2, 3);
+            expandKeyBackward(low, high, sub, rcon >>= 1);
+            b = lanes[0] ^ bytes(high);
+        } else if (round % 4 == 3) {
+            b = invShiftSubBytes(b);
+            expandKeyBackward(low, high, nextSub, rcon >>= 1);
+            b ^= bytes(high);
         } else {
-            b = invSubShift(b, nullptr, 0) ^ key[0];
+            b = invShiftSubBytes(b) ^ bytes(low);
         }
         b = invMixColumns(b);
     }
-    b = invSubShift(b, nullptr, 0) ^ key[0];  // round key 0, the cipher key itself
+    b = invShiftSubBytes(b) ^ bytes(low);  // round key 0, the cipher key itself
     store(block, b);
-    store(ctx->key, key[0]);
-    store(ctx->key + 16, key[1]);
+    store(ctx->key, bytes(low));
+    store(ctx->key + 16, bytes(high));
 }
 
 void aes256_done(aes256_context* ctx) {
