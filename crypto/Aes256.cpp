@@ -77,8 +77,17 @@ inline void matchRegisters(Words* candidates, const Lanes* walk, Lanes* inverse)
                     q3 = splatWord<3>(c);
 #pragma GCC unroll 4
         for (int v = 0; v < V; ++v) {
+#if defined(__ARM_NEON)
+            // A bitwise select (BSL) is one instruction where AND and ORR are two.
+            inverse[v] = matches<4 * G>(walk[v]) ? q0 : inverse[v];
+            inverse[v] = matches<4 * G + 1>(walk[v]) ? q1 : inverse[v];
+            inverse[v] = matches<4 * G + 2>(walk[v]) ? q2 : inverse[v];
+            inverse[v] = matches<4 * G + 3>(walk[v]) ? q3 : inverse[v];
+#else
+            // Without a select instruction OR is cheaper: no two candidates differ on a match.
             inverse[v] |= (matches<4 * G>(walk[v]) & q0) | (matches<4 * G + 1>(walk[v]) & q1) |
                           (matches<4 * G + 2>(walk[v]) & q2) | (matches<4 * G + 3>(walk[v]) & q3);
+#endif
         }
         candidates[G] = words(mul3(bytes(c)));
         matchRegisters<G + 1, V>(candidates, walk, inverse);
