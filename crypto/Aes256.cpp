@@ -2,6 +2,8 @@
 
 #include <string.h>
 
+#include <utility>
+
 namespace {
 
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "columns are read as little-endian words");
@@ -40,78 +42,85 @@ constexpr uint8_t powerOf3(int n) {
     return p;
 }
 
-template <int J>
-inline Lanes splatWord(Words w) {
-    return bytes(__builtin_shufflevector(w, w, J, J, J, J));
-}
-
 // 3 generates the multiplicative group, so x = 3^L and its inverse is 3^-L. Every lane walks
-// x * 3^k; at step k it meets the fixed point 3^(kSteps * t) exactly when 3^(k - kSteps * t) is
-// its inverse. Those kGroups candidates walk alongside, four to a register and one per column,
-// so that a single shuffle spreads one over all lanes. kGroups points shorten the walk to
-// kSteps, the same for every lane and every value, and every step looks at every candidate:
-// nothing is indexed by data. The fixed points are compile-time constants, like 0x1b. A zero
-// lane meets none of them and keeps the inverse AES gives it, 0.
-constexpr int kRegisters = 4, kGroups = 4 * kRegisters, kSteps = (255 + kGroups - 1) / kGroups;
+// x * 3^k; at step k it meets the fixed point 3^(kSteps * t) exactly when the candidate
+// 3^(k - kSteps * t) is its inverse, and the candidates walk alongside. kPoints fixed points
+// shorten the walk to kSteps, the same for every lane and every value, and every step looks at
+// every candidate: nothing is indexed by data. The fixed points and the candidates' starting
+// values are compile-time constants, like 0x1b. A zero lane meets no fixed point and keeps the
+// inverse AES gives it, 0.
+constexpr int kPoints = 16, kSteps = (255 + kPoints - 1) / kPoints;
+
+#if defined(__ARM_NEON)
+// NEON spreads any byte over all lanes in one instruction (DUP): one register holds them all.
+constexpr int kPerRegister = 16;
+#else
+// SSE2 spreads a 32-bit word in one instruction (PSHUFD), not a byte: one candidate per column.
+constexpr int kPerRegister = 4;
+#endif
+constexpr int kRegisters = kPoints / kPerRegister, kWidth = 16 / kPerRegister;
 
 constexpr uint8_t fixedPoint(int t) {
     return powerOf3(kSteps * t);
 }
 
-constexpr uint32_t candidateStart(int t) {
-    return 0x01010101u * powerOf3(255 - kSteps * t);
-}
-
-template <int T>
-inline Lanes matches(Lanes walk) {
-    constexpr uint8_t point = fixedPoint(T);
-    return reinterpret_cast<Lanes>(walk == (Lanes{} + point));
-}
-
-// Tries the four candidates of register G against every lane, then advances them one step.
-template <int G, int V>
-inline void matchRegisters(Words* candidates, const Lanes* walk, Lanes* inverse) {
-    if constexpr (G < kRegisters) {
-        const Words c = candidates[G];
-        const Lanes q0 = splatWord<0>(c), q1 = splatWord<1>(c), q2 = splatWord<2>(c),
-                    q3 = splatWord<3>(c);
-#pragma GCC unroll 4
-        for (int v = 0; v < V; ++v) {
-#if defined(__ARM_NEON)
-            // A bitwise select (BSL) is one instruction where AND and ORR are two.
-            inverse[v] = matches<4 * G>(walk[v]) ? q0 : inverse[v];
-            inverse[v] = matches<4 * G + 1>(walk[v]) ? q1 : inverse[v];
-            inverse[v] = matches<4 * G + 2>(walk[v]) ? q2 : inverse[v];
-            inverse[v] = matches<4 * G + 3>(walk[v]) ? q3 : inverse[v];
-#else
-            // Without a select instruction OR is cheaper: no two candidates differ on a match.
-            inverse[v] |= (matches<4 * G>(walk[v]) & q0) | (matches<4 * G + 1>(walk[v]) & q1) |
-                          (matches<4 * G + 2>(walk[v]) & q2) | (matches<4 * G + 3>(walk[v]) & q3);
-#endif
-        }
-        candidates[G] = words(mul3(bytes(c)));
-        matchRegisters<G + 1, V>(candidates, walk, inverse);
-    }
+template <int... I>
+constexpr Lanes candidatesAtStart(int reg, std::integer_sequence<int, I...>) {
+    return Lanes{powerOf3(255 - kSteps * (reg * kPerRegister + I / kWidth))...};
 }
 
 template <int G>
-inline void startCandidates(Words* candidates) {
-    if constexpr (G < kRegisters) {
-        constexpr Words start = {candidateStart(4 * G), candidateStart(4 * G + 1),
-                                 candidateStart(4 * G + 2), candidateStart(4 * G + 3)};
-        candidates[G] = start;
-        startCandidates<G + 1>(candidates);
+inline Lanes startRegister() {
+    constexpr Lanes start = candidatesAtStart(G, std::make_integer_sequence<int, 16>{});
+    return start;
+}
+
+template <int... G>
+inline void startCandidates(Lanes* candidates, std::integer_sequence<int, G...>) {
+    ((candidates[G] = startRegister<G>()), ...);
+}
+
+// Candidate T over all lanes; it sits in register T / kPerRegister, kWidth lanes wide.
+template <int T>
+inline Lanes spread(const Lanes* candidates) {
+    const Lanes c = candidates[T / kPerRegister];
+    if constexpr (kWidth == 1) {
+        return __builtin_shufflevector(c, c, T, T, T, T, T, T, T, T, T, T, T, T, T, T, T, T);
+    } else {
+        constexpr int j = T % kPerRegister;
+        return bytes(__builtin_shufflevector(words(c), words(c), j, j, j, j));
     }
+}
+
+template <int T>
+inline void take(Lanes walk, Lanes candidate, Lanes& inverse) {
+    constexpr uint8_t point = fixedPoint(T);
+    const Lanes match = reinterpret_cast<Lanes>(walk == (Lanes{} + point));
+#if defined(__ARM_NEON)
+    // A bitwise select (BSL) is one instruction where AND and ORR are two.
+    inverse = match ? candidate : inverse;
+#else
+    // Without a select instruction OR is cheaper: two candidates never differ on a match.
+    inverse |= match & candidate;
+#endif
+}
+
+template <int V, int... T>
+inline void matchAll(const Lanes* candidates, const Lanes* walk, Lanes* inverse,
+                     std::integer_sequence<int, T...>) {
+#pragma GCC unroll 4
+    for (int v = 0; v < V; ++v) (take<T>(walk[v], spread<T>(candidates), inverse[v]), ...);
 }
 
 template <int V>
 void gfInverseLanes(Lanes* x) {
-    Words candidates[kRegisters];
-    startCandidates<0>(candidates);
-    Lanes inverse[V] = {}, walk[V];
+    Lanes candidates[kRegisters], inverse[V] = {}, walk[V];
+    startCandidates(candidates, std::make_integer_sequence<int, kRegisters>{});
     for (int v = 0; v < V; ++v) walk[v] = x[v];
     for (int k = 0; k < kSteps; ++k) {
-        matchRegisters<0, V>(candidates, walk, inverse);
+        matchAll<V>(candidates, walk, inverse, std::make_integer_sequence<int, kPoints>{});
+#pragma GCC unroll 4
+        for (int g = 0; g < kRegisters; ++g) candidates[g] = mul3(candidates[g]);
 #pragma GCC unroll 4
         for (int v = 0; v < V; ++v) walk[v] = mul3(walk[v]);
     }
