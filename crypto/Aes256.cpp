@@ -201,8 +201,8 @@ void expandKeyForward(uint8_t k[32], uint8_t& rcon) {
 }
 
 // The S-box inputs of one backward key step in words 0 and 1: bytes 12..15, and 28..31 once
-// brought back a generation. Words 2 and 3 hold the same for the step after it, which need none
-// of this step's S-box values, so one walk serves two steps.
+// brought back a generation. Words 2 and 3 hold those of the step after it; they need none of
+// this step's S-box values, so one walk serves two steps.
 inline Words keyStepInputs(Words low, Words high) {
     const Words notFirst = {0, ~0u, ~0u, ~0u};
     return __builtin_shufflevector(low, high, 3, 7, 3, 7) ^
