@@ -1,57 +1,191 @@
 #include "crypto/Aes256.h"
 
+#include <string.h>
+
+#include <utility>
+
 namespace {
+
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "columns are read as little-endian words");
 
 // Sixteen bytes that advance together. GCC and clang lower these to SSE2 on x86 and NEON on
 // ARM, and to plain byte loops where neither exists. Wider vectors would be split into scalar
-// code without AVX, so more lanes are more vectors.
+// code without AVX, so more lanes are more vectors. The block is four columns of four bytes, so
+// the same register seen as four words moves whole columns.
 typedef uint8_t Lanes __attribute__((vector_size(16)));
 typedef int8_t SignedLanes __attribute__((vector_size(16)));
+typedef uint32_t Words __attribute__((vector_size(16)));
+
+inline Lanes bytes(Words w) {
+    return reinterpret_cast<Lanes>(w);
+}
+
+inline Words words(Lanes b) {
+    return reinterpret_cast<Words>(b);
+}
+
+inline Lanes xtime(Lanes x) {
+    return (x + x) ^ (reinterpret_cast<Lanes>(reinterpret_cast<SignedLanes>(x) < 0) & 0x1b);
+}
 
 inline Lanes mul3(Lanes x) {
-    Lanes carry = reinterpret_cast<Lanes>(reinterpret_cast<SignedLanes>(x) < 0) & 0x1b;
-    return x ^ (x + x) ^ carry;
+    return x ^ xtime(x);
 }
 
-// 3 generates the multiplicative group: walking x * 3^k and 3^k together, the first reaches 1
-// exactly when the second is the inverse of x. Every lane takes the same 255 steps, so one walk
-// serves them all; a zero lane never reaches 1 and keeps the inverse AES gives it, 0.
-template <int N>
-void gfInverseLanes(Lanes* x) {
-    const Lanes zero = {}, one = zero + 1;
-    Lanes power = one, inverse[N];
-    for (int v = 0; v < N; ++v) inverse[v] = zero;
-    for (int k = 0; k < 255; ++k) {
-        for (int v = 0; v < N; ++v) {
-            inverse[v] |= reinterpret_cast<Lanes>(x[v] == one) & power;
-            x[v] = mul3(x[v]);
-        }
-        power = mul3(power);
+constexpr uint8_t mul3(uint8_t x) {
+    return static_cast<uint8_t>(x ^ (x << 1) ^ ((x & 0x80) ? 0x1b : 0));
+}
+
+constexpr uint8_t powerOf3(int n) {
+    uint8_t p = 1;
+    for (int i = 0; i < n % 255; ++i) p = mul3(p);
+    return p;
+}
+
+// 3 generates the multiplicative group, so x = 3^L and its inverse is 3^-L. Every lane walks
+// x * 3^k; at step k it meets the fixed point 3^(kSteps * t) exactly when the candidate
+// 3^(k - kSteps * t) is its inverse, and the candidates walk alongside. kPoints fixed points
+// shorten the walk to kSteps, the same for every lane and every value, and every step looks at
+// every candidate: nothing is indexed by data. The fixed points and the candidates' starting
+// values are compile-time constants, like 0x1b. A zero lane meets no fixed point and keeps the
+// inverse AES gives it, 0.
+constexpr int kPoints = 16, kSteps = (255 + kPoints - 1) / kPoints;
+
+#if defined(__ARM_NEON)
+// NEON spreads any byte over all lanes in one instruction (DUP): one register holds them all.
+constexpr int kPerRegister = 16;
+#else
+// SSE2 spreads a 32-bit word in one instruction (PSHUFD), not a byte: one candidate per column.
+constexpr int kPerRegister = 4;
+#endif
+constexpr int kRegisters = kPoints / kPerRegister, kWidth = 16 / kPerRegister;
+
+constexpr uint8_t fixedPoint(int t) {
+    return powerOf3(kSteps * t);
+}
+
+template <int... I>
+constexpr Lanes candidatesAtStart(int reg, std::integer_sequence<int, I...>) {
+    return Lanes{powerOf3(255 - kSteps * (reg * kPerRegister + I / kWidth))...};
+}
+
+template <int G>
+inline Lanes startRegister() {
+    constexpr Lanes start = candidatesAtStart(G, std::make_integer_sequence<int, 16>{});
+    return start;
+}
+
+template <int... G>
+inline void startCandidates(Lanes* candidates, std::integer_sequence<int, G...>) {
+    ((candidates[G] = startRegister<G>()), ...);
+}
+
+// Candidate T over all lanes; it sits in register T / kPerRegister, kWidth lanes wide.
+template <int T>
+inline Lanes spread(const Lanes* candidates) {
+    const Lanes c = candidates[T / kPerRegister];
+    if constexpr (kWidth == 1) {
+        return __builtin_shufflevector(c, c, T, T, T, T, T, T, T, T, T, T, T, T, T, T, T, T);
+    } else {
+        constexpr int j = T % kPerRegister;
+        return bytes(__builtin_shufflevector(words(c), words(c), j, j, j, j));
     }
-    for (int v = 0; v < N; ++v) x[v] = inverse[v];
 }
 
-uint8_t xtime(uint8_t x) {
-    return static_cast<uint8_t>((x << 1) ^ ((x & 0x80) ? 0x1b : 0x00));
+template <int T>
+inline void take(Lanes walk, Lanes candidate, Lanes& inverse) {
+    constexpr uint8_t point = fixedPoint(T);
+    const Lanes match = reinterpret_cast<Lanes>(walk == (Lanes{} + point));
+#if defined(__ARM_NEON)
+    // A bitwise select (BSL) is one instruction where AND and ORR are two.
+    inverse = match ? candidate : inverse;
+#else
+    // Without a select instruction OR is cheaper: two candidates never differ on a match.
+    inverse |= match & candidate;
+#endif
 }
 
-uint8_t rotl8(uint8_t x, int n) {
-    return static_cast<uint8_t>((x << n) | (x >> (8 - n)));
+template <int V, int... T>
+inline void matchAll(const Lanes* candidates, const Lanes* walk, Lanes* inverse,
+                     std::integer_sequence<int, T...>) {
+#pragma GCC unroll 4
+    for (int v = 0; v < V; ++v) (take<T>(walk[v], spread<T>(candidates), inverse[v]), ...);
 }
 
-uint8_t affine(uint8_t b) {
-    return b ^ rotl8(b, 1) ^ rotl8(b, 2) ^ rotl8(b, 3) ^ rotl8(b, 4) ^ 0x63;
+template <int V>
+void gfInverseLanes(Lanes* x) {
+    Lanes candidates[kRegisters], inverse[V] = {}, walk[V];
+    startCandidates(candidates, std::make_integer_sequence<int, kRegisters>{});
+    for (int v = 0; v < V; ++v) walk[v] = x[v];
+    for (int k = 0; k < kSteps; ++k) {
+        matchAll<V>(candidates, walk, inverse, std::make_integer_sequence<int, kPoints>{});
+#pragma GCC unroll 4
+        for (int g = 0; g < kRegisters; ++g) candidates[g] = mul3(candidates[g]);
+#pragma GCC unroll 4
+        for (int v = 0; v < V; ++v) walk[v] = mul3(walk[v]);
+    }
+    for (int v = 0; v < V; ++v) x[v] = inverse[v];
 }
 
-uint8_t invAffine(uint8_t x) {
-    return rotl8(x, 1) ^ rotl8(x, 3) ^ rotl8(x, 6) ^ 0x05;
+template <int N>
+inline Lanes rotl8(Lanes x) {
+    return (x << N) | (x >> (8 - N));
+}
+
+inline Lanes affine(Lanes b) {
+    return b ^ rotl8<1>(b) ^ rotl8<2>(b) ^ rotl8<3>(b) ^ rotl8<4>(b) ^ 0x63;
+}
+
+inline Lanes invAffine(Lanes x) {
+    return rotl8<1>(x) ^ rotl8<3>(x) ^ rotl8<6>(x) ^ 0x05;
+}
+
+// Byte r of every column takes byte r + N of the same column.
+template <int N>
+inline Words columnBytesFrom(Words w) {
+    return (w >> (8 * N)) | (w << (32 - 8 * N));
+}
+
+// Column c of the result is column c - 1 of the input, column 0 zero.
+inline Words wordsUp(Words w) {
+    return __builtin_shufflevector(w, Words{}, 4, 0, 1, 2);
+}
+
+// Row r was rotated left by r columns when enciphering.
+inline Lanes invShiftRows(Lanes b) {
+    const Words w = words(b);
+    return bytes((w & 0x000000ffu) | (__builtin_shufflevector(w, w, 3, 0, 1, 2) & 0x0000ff00u) |
+                 (__builtin_shufflevector(w, w, 2, 3, 0, 1) & 0x00ff0000u) |
+                 (__builtin_shufflevector(w, w, 1, 2, 3, 0) & 0xff000000u));
+}
+
+// Fixed doubling chains: 9, 11, 13 and 14 times a are sums of a, 2a, 4a and 8a.
+inline Lanes invMixColumns(Lanes a) {
+    const Lanes a2 = xtime(a), a4 = xtime(a2), a8 = xtime(a4);
+    const Lanes x9 = a8 ^ a, x11 = x9 ^ a2, x13 = x9 ^ a4, x14 = a8 ^ a4 ^ a2;
+    return x14 ^ bytes(columnBytesFrom<1>(words(x11)) ^ columnBytesFrom<2>(words(x13)) ^
+                       columnBytesFrom<3>(words(x9)));
+}
+
+inline Lanes load(const uint8_t* p) {
+    Lanes v;
+    memcpy(&v, p, sizeof(v));
+    return v;
+}
+
+inline void store(uint8_t* p, Lanes v) {
+    memcpy(p, &v, sizeof(v));
 }
 
 // Only the set-up, once per key, takes S-box values one at a time.
 uint8_t sbox(uint8_t x) {
     Lanes lanes[1] = {{x}};
     gfInverseLanes<1>(lanes);
-    return affine(lanes[0][0]);
+    return affine(lanes[0])[0];
+}
+
+uint8_t xtime(uint8_t x) {
+    return static_cast<uint8_t>((x << 1) ^ ((x & 0x80) ? 0x1b : 0x00));
 }
 
 // The schedule advances 32 bytes (two round keys) per step.
@@ -66,68 +200,29 @@ void expandKeyForward(uint8_t k[32], uint8_t& rcon) {
     for (int i = 20; i < 32; ++i) k[i] ^= k[i - 4];
 }
 
-// Exact inverse of expandKeyForward, in two halves around the S-box values it needs: the first
-// brings bytes 20..31 back one generation; those values are then k[12..15] (not yet touched)
-// and k[28..31], and `sub` holds their S-box values in that order.
-void expandKeyBackwardHigh(uint8_t k[32]) {
-    for (int i = 31; i >= 20; --i) k[i] ^= k[i - 4];
+// The S-box inputs of one backward key step in words 0 and 1: bytes 12..15, and 28..31 once
+// brought back a generation. Words 2 and 3 hold those of the step after it; they need none of
+// this step's S-box values, so one walk serves two steps.
+inline Words keyStepInputs(Words low, Words high) {
+    const Words notFirst = {0, ~0u, ~0u, ~0u};
+    return __builtin_shufflevector(low, high, 3, 7, 3, 7) ^
+           (__builtin_shufflevector(low, high, 0, 6, 2, 5) & notFirst);
 }
 
-void expandKeyBackwardLow(uint8_t k[32], uint8_t& rcon, const uint8_t sub[8]) {
-    for (int i = 19; i >= 16; --i) k[i] ^= sub[i - 16];
-    for (int i = 15; i >= 4; --i) k[i] ^= k[i - 4];
-    rcon >>= 1;
-    k[0] ^= sub[5] ^ rcon;
-    k[1] ^= sub[6];
-    k[2] ^= sub[7];
-    k[3] ^= sub[4];
+// Exact inverse of expandKeyForward, given the S-box values of bytes 12..15 in word 0 of `sub`
+// and of bytes 28..31, brought back a generation, in word 1.
+inline void expandKeyBackward(Words& low, Words& high, Words sub, uint32_t rcon) {
+    high ^= wordsUp(high) ^ __builtin_shufflevector(sub, Words{}, 0, 4, 4, 4);
+    low ^= wordsUp(low);
+    const Words last = __builtin_shufflevector(sub, Words{}, 1, 4, 4, 4);
+    const Words roundConstant = {rcon, 0, 0, 0};
+    low ^= ((last >> 8) | (last << 24)) ^ roundConstant;
 }
 
-void addRoundKey(uint8_t block[16], const uint8_t* roundKey) {
-    for (int i = 0; i < 16; ++i) block[i] ^= roundKey[i];
-}
-
-// Inverse ShiftRows and SubBytes of the block; with `k` (odd rounds) also the eight S-box
-// values of the backward key step, from the same walk.
-void invShiftRowsSubBytes(uint8_t b[16], uint8_t* k, uint8_t sub[8]) {
-    Lanes lanes[2] = {};
-    for (int col = 0; col < 4; ++col) {
-        for (int row = 0; row < 4; ++row) {
-            // Row r was rotated left by r columns when enciphering.
-            lanes[0][4 * ((col + row) % 4) + row] = invAffine(b[4 * col + row]);
-        }
-    }
-    if (k) {
-        for (int i = 0; i < 4; ++i) {
-            lanes[1][i] = k[12 + i];
-            lanes[1][4 + i] = k[28 + i];
-        }
-        gfInverseLanes<2>(lanes);
-        for (int i = 0; i < 8; ++i) sub[i] = affine(lanes[1][i]);
-    } else {
-        gfInverseLanes<1>(lanes);
-    }
-    for (int i = 0; i < 16; ++i) b[i] = lanes[0][i];
-}
-
-// Fixed doubling chains: 9, 11, 13 and 14 times a are sums of a, 2a, 4a and 8a.
-void invMixColumns(uint8_t b[16]) {
-    for (int col = 0; col < 4; ++col) {
-        uint8_t* c = b + 4 * col;
-        uint8_t a[4], x2[4], x9[4], x11[4], x13[4], x14[4];
-        for (int r = 0; r < 4; ++r) {
-            a[r] = c[r];
-            x2[r] = xtime(a[r]);
-            uint8_t x4 = xtime(x2[r]), x8 = xtime(x4);
-            x9[r] = x8 ^ a[r];
-            x11[r] = x9[r] ^ x2[r];
-            x13[r] = x9[r] ^ x4;
-            x14[r] = x8 ^ x4 ^ x2[r];
-        }
-        for (int r = 0; r < 4; ++r) {
-            c[r] = x14[r] ^ x11[(r + 1) % 4] ^ x13[(r + 2) % 4] ^ x9[(r + 3) % 4];
-        }
-    }
+inline Lanes invShiftSubBytes(Lanes block) {
+    Lanes lanes[1] = {invAffine(invShiftRows(block))};
+    gfInverseLanes<1>(lanes);
+    return lanes[0];
 }
 
 }  // namespace
@@ -140,24 +235,32 @@ void aes256_init(aes256_context* ctx, const uint8_t key[32]) {
 }
 
 void aes256_decrypt_ecb(aes256_context* ctx, uint8_t block[16]) {
-    uint8_t rcon = 0x80;
-    uint8_t sub[8];
-    for (int i = 0; i < 32; ++i) ctx->key[i] = ctx->deckey[i];
-    addRoundKey(block, ctx->key);  // round key 14
+    uint32_t rcon = 0x80;
+    Words low = words(load(ctx->deckey)), high = words(load(ctx->deckey + 16)), nextSub = {};
+    Lanes b = load(block) ^ bytes(low);  // round key 14
     for (int round = 13; round >= 1; --round) {
-        if (round & 1) {
-            expandKeyBackwardHigh(ctx->key);
-            invShiftRowsSubBytes(block, ctx->key, sub);
-            expandKeyBackwardLow(ctx->key, rcon, sub);
-            addRoundKey(block, ctx->key + 16);
+        // Every odd round brings the key back one step; rounds 13, 9, 5 and 1 walk for the S-box
+        // values of that step and the next together with the block's.
+        if (round % 4 == 1) {
+            Lanes lanes[2] = {invAffine(invShiftRows(b)), bytes(keyStepInputs(low, high))};
+            gfInverseLanes<2>(lanes);
+            const Words sub = words(affine(lanes[1]));
+            nextSub = __builtin_shufflevector(sub, sub, 2, 3, 2, 3);
+            expandKeyBackward(low, high, sub, rcon >>= 1);
+            b = lanes[0] ^ bytes(high);
+        } else if (round % 4 == 3) {
+            b = invShiftSubBytes(b);
+            expandKeyBackward(low, high, nextSub, rcon >>= 1);
+            b ^= bytes(high);
         } else {
-            invShiftRowsSubBytes(block, nullptr, sub);
-            addRoundKey(block, ctx->key);
+            b = invShiftSubBytes(b) ^ bytes(low);
         }
-        invMixColumns(block);
+        b = invMixColumns(b);
     }
-    invShiftRowsSubBytes(block, nullptr, sub);
-    addRoundKey(block, ctx->key);  // round key 0, the cipher key itself
+    b = invShiftSubBytes(b) ^ bytes(low);  // round key 0, the cipher key itself
+    store(block, b);
+    store(ctx->key, bytes(low));
+    store(ctx->key + 16, bytes(high));
 }
 
 void aes256_done(aes256_context* ctx) {

@@ -59,26 +59,48 @@ TEST(Aes256, Fips197ExampleReusedContextAndDone) {
     EXPECT_EQ(0, memcmp(&ctx, &zero, sizeof(ctx))) << "done must wipe the whole context";
 }
 
+Bytes opensslDecrypt(const Bytes& key, const Bytes& data) {
+    Bytes out(data.size() + 16);
+    int n = 0, tail = 0;
+    EVP_CIPHER_CTX* evp = EVP_CIPHER_CTX_new();
+    EVP_DecryptInit_ex(evp, EVP_aes_256_ecb(), nullptr, key.data(), nullptr);
+    EVP_CIPHER_CTX_set_padding(evp, 0);
+    EVP_DecryptUpdate(evp, out.data(), &n, data.data(), int(data.size()));
+    EVP_DecryptFinal_ex(evp, out.data() + n, &tail);
+    EVP_CIPHER_CTX_free(evp);
+    out.resize(size_t(n + tail));
+    return out;
+}
+
+Bytes ourDecrypt(const Bytes& key, Bytes data) {
+    aes256_context ctx;
+    aes256_init(&ctx, key.data());
+    for (size_t off = 0; off < data.size(); off += 16) aes256_decrypt_ecb(&ctx, &data[off]);
+    aes256_done(&ctx);
+    return data;
+}
+
 TEST(Aes256, MatchesOpenSsl) {
     std::mt19937 rng(20240611);
     for (int round = 0; round < 40; ++round) {
         Bytes key = randomBytes(rng, 32), data = randomBytes(rng, 48);
         if (round < 2) std::fill(key.begin(), key.end(), round ? 0xff : 0x00);
-        Bytes expected(data.size() + 16);
-        int n = 0, tail = 0;
-        EVP_CIPHER_CTX* evp = EVP_CIPHER_CTX_new();
-        EVP_DecryptInit_ex(evp, EVP_aes_256_ecb(), nullptr, key.data(), nullptr);
-        EVP_CIPHER_CTX_set_padding(evp, 0);
-        EVP_DecryptUpdate(evp, expected.data(), &n, data.data(), int(data.size()));
-        EVP_DecryptFinal_ex(evp, expected.data() + n, &tail);
-        EVP_CIPHER_CTX_free(evp);
-        expected.resize(size_t(n + tail));
+        ASSERT_EQ(opensslDecrypt(key, data), ourDecrypt(key, data)) << "round " << round;
+    }
+}
 
-        aes256_context ctx;
-        aes256_init(&ctx, key.data());
-        for (size_t off = 0; off < data.size(); off += 16) aes256_decrypt_ecb(&ctx, &data[off]);
-        aes256_done(&ctx);
-        ASSERT_EQ(expected, data) << "round " << round;
+// The S-box walk must find every byte value in every lane. A block of 16 copies of v puts
+// v ^ (last round key) into each state lane of the first inverse round; a key of 32 copies of v
+// puts v into the key lanes of the last backward step and S(v), as v runs over all values too.
+TEST(Aes256, EveryByteValueInEveryLane) {
+    const Bytes fixedKey =
+        fromHex("603deb1015ca71be2b73aef0857d77811f352c073b6108d72d9810a30914dff4");
+    Bytes blocks;
+    for (int v = 0; v < 256; ++v) blocks.insert(blocks.end(), 16, uint8_t(v));
+    ASSERT_EQ(opensslDecrypt(fixedKey, blocks), ourDecrypt(fixedKey, blocks));
+    for (int v = 0; v < 256; ++v) {
+        const Bytes key(32, uint8_t(v)), block(16, uint8_t(v));
+        ASSERT_EQ(opensslDecrypt(key, block), ourDecrypt(key, block)) << "key byte " << v;
     }
 }
 
