@@ -76,7 +76,8 @@ bool sameTree(const Json::Value& a, const Json::Value& b) {
     if (a.isObject()) {
         if (a.getMemberNames() != b.getMemberNames()) return false;
         for (auto it = a.begin(); it != a.end(); ++it) {
-            const Json::Value* other = b.find(it.name().data(), it.name().data() + it.name().size());
+            const std::string name = it.name();
+            const Json::Value* other = b.find(name.data(), name.data() + name.size());
             if (other == nullptr || !sameTree(*it, *other)) return false;
         }
         return true;
