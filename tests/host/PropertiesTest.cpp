@@ -156,6 +156,12 @@ TEST(Properties, ReadsFollowSetsFromAnyProcessAndAFreshStore) {
     for (int i = 0; i < 400 && (seen = get("cache.prop")) != "3"; ++i) usleep(5000);
     EXPECT_EQ("3", seen);
 
+    // Written by hand into its file, as the store allows: no counter moves, the value shows
+    // within the reader's recheck interval.
+    root.write("dev/__properties__/cache.prop", "by-hand");
+    for (int i = 0; i < 400 && (seen = get("cache.prop")) != "by-hand"; ++i) usleep(5000);
+    EXPECT_EQ("by-hand", seen);
+
     // A store that cannot be made: the set fails with one error line and the value stays unset.
     orvtest::TempRoot blocked;
     blocked.write("dev/__properties__", "a file, not a directory");

@@ -67,7 +67,8 @@ std::mutex gSetLock;
 
 // Every set bumps a 64-bit counter in the store's ".serial" file (its leading dot is no valid
 // property name), mapped shared by every process that reads. A reader keeps the values it has
-// read and re-reads only after the counter moved, so an unchanged property costs no open().
+// read and re-reads only after the counter moved, or kRecheckMs later for a file written by
+// hand, so an unchanged property costs no open() per read.
 const char kSerialName[] = "/.serial";
 const size_t kSerialSize = sizeof(uint64_t);
 
@@ -99,6 +100,8 @@ struct SerialStore {
             dir = storeDir;
         }
         if (!serial) map(create);
+        // A value written straight into its file moves no counter; it shows within kRecheckMs.
+        if (recheck) values.clear();
         return serial;
     }
 
