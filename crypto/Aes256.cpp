@@ -98,6 +98,7 @@ struct Landmarks {
 // x * x by Horner's rule over the bits of x, highest first: double the sum, add x for a one.
 inline Lanes square(Lanes x) {
     Lanes sum = {}, bits = x;
+#pragma GCC unroll 8
     for (int i = 0; i < 8; ++i) {
         const Lanes one = reinterpret_cast<Lanes>(reinterpret_cast<SignedLanes>(bits) < 0);
         sum = xtime(sum) ^ (x & one);
@@ -124,15 +125,20 @@ void findLandmarks(Landmarks& m) {
     // Read at run time, so that the compiler cannot take these walks itself and store the result.
     volatile uint8_t generator = 3;
     Lanes p = Lanes{} + generator;
+#pragma GCC unroll 16
     for (int k = 1; k < kSteps; ++k) p = mul3(p);
+#pragma GCC unroll 4
     for (int bit = 1; bit < kPoints; bit <<= 1) {
         Lanes further = p;
+#pragma GCC unroll 8
         for (int k = 0; k < bit; ++k) further = mul3(further);
         const Lanes ahead = reinterpret_cast<Lanes>((lane & uint8_t(bit)) != 0);
         p = (further & ahead) | (p & ~ahead);
     }
+#pragma GCC unroll 4
     for (int n = 1; n < kSteps; n <<= 1) p = square(p);
     Lanes starts = p;
+#pragma GCC unroll 16
     for (int k = 0; k < 13; ++k) starts = mul3(starts);
     place(m, p, starts, std::make_integer_sequence<int, kPoints>{},
           std::make_integer_sequence<int, kRegisters>{});
