@@ -88,8 +88,8 @@ inline Lanes spread(const Lanes* registers) {
     }
 }
 
-// The fixed points and the candidates' starting values, found again for every block (and the
-// key set-up) on its stack: 3 and 0x1b are the only elements of the group in the code.
+// The fixed points and the candidates' starting values, found again from the generator for every
+// block (and the key set-up) and kept on its stack: none of them is written in the code.
 struct Landmarks {
     Lanes points[kPoints];         // fixed point t, 3^(241 - 16t), over all lanes
     Lanes candidates[kRegisters];  // candidate t, 3^(16t + 14), laid out for spread<t>
@@ -107,6 +107,8 @@ inline Lanes square(Lanes x) {
     return sum;
 }
 
+// Fixed point t is lane 15 - t of `points`, so that candidate t, its inverse, is lane t of
+// `starts`.
 template <int... T, int... G>
 inline void place(Landmarks& m, Lanes points, Lanes starts, std::integer_sequence<int, T...>,
                   std::integer_sequence<int, G...>) {
