@@ -32,24 +32,13 @@ inline Lanes mul3(Lanes x) {
     return x ^ xtime(x);
 }
 
-constexpr uint8_t mul3(uint8_t x) {
-    return static_cast<uint8_t>(x ^ (x << 1) ^ ((x & 0x80) ? 0x1b : 0));
-}
-
-constexpr uint8_t powerOf3(int n) {
-    uint8_t p = 1;
-    for (int i = 0; i < n % 255; ++i) p = mul3(p);
-    return p;
-}
-
 // 3 generates the multiplicative group, so x = 3^L and its inverse is 3^-L. Every lane walks
-// x * 3^k; at step k it meets the fixed point 3^(kSteps * t) exactly when the candidate
-// 3^(k - kSteps * t) is its inverse, and the candidates walk alongside. kPoints fixed points
-// shorten the walk to kSteps, the same for every lane and every value, and every step looks at
-// every candidate: nothing is indexed by data. The fixed points and the candidates' starting
-// values are compile-time constants, like 0x1b. A zero lane meets no fixed point and keeps the
-// inverse AES gives it, 0.
-constexpr int kPoints = 16, kSteps = (255 + kPoints - 1) / kPoints;
+// x * 3^k; at step k it meets a fixed point 3^e exactly when 3^(k - e) is its inverse, and each
+// fixed point's candidate starts at 3^-e and walks alongside. kPoints fixed points, 15 or 16
+// apart round the group, shorten the walk to kSteps, the same for every lane and every value,
+// and every step looks at every candidate: nothing is indexed by data. A zero lane meets no
+// fixed point and keeps the inverse AES gives it, 0.
+constexpr int kPoints = 16, kSteps = 16;
 
 #if defined(__ARM_NEON)
 // NEON spreads any byte over all lanes in one instruction (DUP): one register holds them all.
@@ -60,30 +49,37 @@ constexpr int kPerRegister = 4;
 #endif
 constexpr int kRegisters = kPoints / kPerRegister, kWidth = 16 / kPerRegister;
 
-constexpr uint8_t fixedPoint(int t) {
-    return powerOf3(kSteps * t);
+typedef uint16_t Pairs __attribute__((vector_size(16)));
+
+// Each lane of the low or high half of v twice over, side by side: the interleaving unpacks
+// that SSE2 has, where a general byte shuffle would be taken apart byte by byte.
+template <int High, int... I>
+inline Lanes twice(Lanes v, std::integer_sequence<int, I...>) {
+    return __builtin_shufflevector(v, v, (High * 8 + I / 2 + I % 2 * 16)...);
 }
 
-template <int... I>
-constexpr Lanes candidatesAtStart(int reg, std::integer_sequence<int, I...>) {
-    return Lanes{powerOf3(255 - kSteps * (reg * kPerRegister + I / kWidth))...};
+template <int High, int... I>
+inline Pairs twice(Pairs v, std::integer_sequence<int, I...>) {
+    return __builtin_shufflevector(v, v, (High * 4 + I / 2 + I % 2 * 8)...);
 }
 
+// Lane t of v (t < kPoints) kWidth lanes wide, in register G = t / kPerRegister.
 template <int G>
-inline Lanes startRegister() {
-    constexpr Lanes start = candidatesAtStart(G, std::make_integer_sequence<int, 16>{});
-    return start;
+inline Lanes spreadRegister(Lanes v) {
+    static_assert(kWidth == 1 || kWidth == 4, "lanes spread by doubling twice");
+    if constexpr (kWidth == 1) {
+        return v;
+    } else {
+        const Lanes doubled = twice<G / 2>(v, std::make_integer_sequence<int, 16>{});
+        return reinterpret_cast<Lanes>(
+            twice<G % 2>(reinterpret_cast<Pairs>(doubled), std::make_integer_sequence<int, 8>{}));
+    }
 }
 
-template <int... G>
-inline void startCandidates(Lanes* candidates, std::integer_sequence<int, G...>) {
-    ((candidates[G] = startRegister<G>()), ...);
-}
-
-// Candidate T over all lanes; it sits in register T / kPerRegister, kWidth lanes wide.
+// Value T over all lanes, from registers laid out as above.
 template <int T>
-inline Lanes spread(const Lanes* candidates) {
-    const Lanes c = candidates[T / kPerRegister];
+inline Lanes spread(const Lanes* registers) {
+    const Lanes c = registers[T / kPerRegister];
     if constexpr (kWidth == 1) {
         return __builtin_shufflevector(c, c, T, T, T, T, T, T, T, T, T, T, T, T, T, T, T, T);
     } else {
@@ -92,10 +88,67 @@ inline Lanes spread(const Lanes* candidates) {
     }
 }
 
+// The fixed points and the candidates' starting values, found again from the generator for every
+// block (and the key set-up) and kept on its stack: none of them is written in the code.
+struct Landmarks {
+    Lanes points[kPoints];         // fixed point t, 3^(241 - 16t), over all lanes
+    Lanes candidates[kRegisters];  // candidate t, 3^(16t + 14), laid out for spread<t>
+};
+
+// x * x by Horner's rule over the bits of x, highest first: double the sum, add x for a one.
+inline Lanes square(Lanes x) {
+    Lanes sum = {}, bits = x;
+#pragma GCC unroll 8
+    for (int i = 0; i < 8; ++i) {
+        const Lanes one = reinterpret_cast<Lanes>(reinterpret_cast<SignedLanes>(bits) < 0);
+        sum = xtime(sum) ^ (x & one);
+        bits += bits;
+    }
+    return sum;
+}
+
+// Fixed point t is lane 15 - t of `points`, so that candidate t, its inverse, is lane t of
+// `starts`.
+template <int... T, int... G>
+inline void place(Landmarks& m, Lanes points, Lanes starts, std::integer_sequence<int, T...>,
+                  std::integer_sequence<int, G...>) {
+    const Lanes spreadPoints[kRegisters] = {spreadRegister<G>(points)...};
+    ((m.points[T] = spread<kPoints - 1 - T>(spreadPoints)), ...);
+    ((m.candidates[G] = spreadRegister<G>(starts)), ...);
+}
+
+// Lane t walks from the generator to 3^(16 + t), and four squarings raise that to the 16th
+// power, 3^(256 + 16t) = 3^(16t + 1): the fixed points. 13 steps further each is the inverse of
+// another, 3^(16t + 14) = 3^-(16 (15 - t) + 1). Short walks side by side rather than one round
+// the whole group, since every block waits for this.
+void findLandmarks(Landmarks& m) {
+    static_assert(kSteps == 16 && kPoints == 16, "four squarings, four bits of t");
+    constexpr Lanes lane = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+    // Read at run time, so that the compiler cannot take these walks itself and store the result.
+    volatile uint8_t generator = 3;
+    Lanes p = Lanes{} + generator;
+#pragma GCC unroll 16
+    for (int k = 1; k < kSteps; ++k) p = mul3(p);
+#pragma GCC unroll 4
+    for (int bit = 1; bit < kPoints; bit <<= 1) {
+        Lanes further = p;
+#pragma GCC unroll 8
+        for (int k = 0; k < bit; ++k) further = mul3(further);
+        const Lanes ahead = reinterpret_cast<Lanes>((lane & uint8_t(bit)) != 0);
+        p = (further & ahead) | (p & ~ahead);
+    }
+#pragma GCC unroll 4
+    for (int n = 1; n < kSteps; n <<= 1) p = square(p);
+    Lanes starts = p;
+#pragma GCC unroll 16
+    for (int k = 0; k < 13; ++k) starts = mul3(starts);
+    place(m, p, starts, std::make_integer_sequence<int, kPoints>{},
+          std::make_integer_sequence<int, kRegisters>{});
+}
+
 template <int T>
-inline void take(Lanes walk, Lanes candidate, Lanes& inverse) {
-    constexpr uint8_t point = fixedPoint(T);
-    const Lanes match = reinterpret_cast<Lanes>(walk == (Lanes{} + point));
+inline void take(const Landmarks& m, Lanes walk, Lanes candidate, Lanes& inverse) {
+    const Lanes match = reinterpret_cast<Lanes>(walk == m.points[T]);
 #if defined(__ARM_NEON)
     // A bitwise select (BSL) is one instruction where AND and ORR are two.
     inverse = match ? candidate : inverse;
@@ -106,19 +159,19 @@ inline void take(Lanes walk, Lanes candidate, Lanes& inverse) {
 }
 
 template <int V, int... T>
-inline void matchAll(const Lanes* candidates, const Lanes* walk, Lanes* inverse,
+inline void matchAll(const Landmarks& m, const Lanes* candidates, const Lanes* walk, Lanes* inverse,
                      std::integer_sequence<int, T...>) {
 #pragma GCC unroll 4
-    for (int v = 0; v < V; ++v) (take<T>(walk[v], spread<T>(candidates), inverse[v]), ...);
+    for (int v = 0; v < V; ++v) (take<T>(m, walk[v], spread<T>(candidates), inverse[v]), ...);
 }
 
 template <int V>
-void gfInverseLanes(Lanes* x) {
+void gfInverseLanes(const Landmarks& m, Lanes* x) {
     Lanes candidates[kRegisters], inverse[V] = {}, walk[V];
-    startCandidates(candidates, std::make_integer_sequence<int, kRegisters>{});
+    for (int g = 0; g < kRegisters; ++g) candidates[g] = m.candidates[g];
     for (int v = 0; v < V; ++v) walk[v] = x[v];
     for (int k = 0; k < kSteps; ++k) {
-        matchAll<V>(candidates, walk, inverse, std::make_integer_sequence<int, kPoints>{});
+        matchAll<V>(m, candidates, walk, inverse, std::make_integer_sequence<int, kPoints>{});
 #pragma GCC unroll 4
         for (int g = 0; g < kRegisters; ++g) candidates[g] = mul3(candidates[g]);
 #pragma GCC unroll 4
@@ -178,9 +231,9 @@ inline void store(uint8_t* p, Lanes v) {
 }
 
 // Only the set-up, once per key, takes S-box values one at a time.
-uint8_t sbox(uint8_t x) {
+uint8_t sbox(const Landmarks& m, uint8_t x) {
     Lanes lanes[1] = {{x}};
-    gfInverseLanes<1>(lanes);
+    gfInverseLanes<1>(m, lanes);
     return affine(lanes[0])[0];
 }
 
@@ -189,14 +242,14 @@ uint8_t xtime(uint8_t x) {
 }
 
 // The schedule advances 32 bytes (two round keys) per step.
-void expandKeyForward(uint8_t k[32], uint8_t& rcon) {
-    k[0] ^= sbox(k[29]) ^ rcon;
-    k[1] ^= sbox(k[30]);
-    k[2] ^= sbox(k[31]);
-    k[3] ^= sbox(k[28]);
+void expandKeyForward(const Landmarks& m, uint8_t k[32], uint8_t& rcon) {
+    k[0] ^= sbox(m, k[29]) ^ rcon;
+    k[1] ^= sbox(m, k[30]);
+    k[2] ^= sbox(m, k[31]);
+    k[3] ^= sbox(m, k[28]);
     rcon = xtime(rcon);
     for (int i = 4; i < 16; ++i) k[i] ^= k[i - 4];
-    for (int i = 16; i < 20; ++i) k[i] ^= sbox(k[i - 4]);
+    for (int i = 16; i < 20; ++i) k[i] ^= sbox(m, k[i - 4]);
     for (int i = 20; i < 32; ++i) k[i] ^= k[i - 4];
 }
 
@@ -219,22 +272,26 @@ inline void expandKeyBackward(Words& low, Words& high, Words sub, uint32_t rcon)
     low ^= ((last >> 8) | (last << 24)) ^ roundConstant;
 }
 
-inline Lanes invShiftSubBytes(Lanes block) {
+inline Lanes invShiftSubBytes(const Landmarks& m, Lanes block) {
     Lanes lanes[1] = {invAffine(invShiftRows(block))};
-    gfInverseLanes<1>(lanes);
+    gfInverseLanes<1>(m, lanes);
     return lanes[0];
 }
 
 }  // namespace
 
 void aes256_init(aes256_context* ctx, const uint8_t key[32]) {
+    Landmarks m;
+    findLandmarks(m);
     uint8_t rcon = 1;
     for (int i = 0; i < 32; ++i) ctx->enckey[i] = ctx->deckey[i] = key[i];
     // 15 round keys of 16 bytes: seven 32-byte steps reach the pair holding the last one.
-    for (int step = 0; step < 7; ++step) expandKeyForward(ctx->deckey, rcon);
+    for (int step = 0; step < 7; ++step) expandKeyForward(m, ctx->deckey, rcon);
 }
 
 void aes256_decrypt_ecb(aes256_context* ctx, uint8_t block[16]) {
+    Landmarks m;
+    findLandmarks(m);
     uint32_t rcon = 0x80;
     Words low = words(load(ctx->deckey)), high = words(load(ctx->deckey + 16)), nextSub = {};
     Lanes b = load(block) ^ bytes(low);  // round key 14
@@ -243,21 +300,21 @@ void aes256_decrypt_ecb(aes256_context* ctx, uint8_t block[16]) {
         // values of that step and the next together with the block's.
         if (round % 4 == 1) {
             Lanes lanes[2] = {invAffine(invShiftRows(b)), bytes(keyStepInputs(low, high))};
-            gfInverseLanes<2>(lanes);
+            gfInverseLanes<2>(m, lanes);
             const Words sub = words(affine(lanes[1]));
             nextSub = __builtin_shufflevector(sub, sub, 2, 3, 2, 3);
             expandKeyBackward(low, high, sub, rcon >>= 1);
             b = lanes[0] ^ bytes(high);
         } else if (round % 4 == 3) {
-            b = invShiftSubBytes(b);
+            b = invShiftSubBytes(m, b);
             expandKeyBackward(low, high, nextSub, rcon >>= 1);
             b ^= bytes(high);
         } else {
-            b = invShiftSubBytes(b) ^ bytes(low);
+            b = invShiftSubBytes(m, b) ^ bytes(low);
         }
         b = invMixColumns(b);
     }
-    b = invShiftSubBytes(b) ^ bytes(low);  // round key 0, the cipher key itself
+    b = invShiftSubBytes(m, b) ^ bytes(low);  // round key 0, the cipher key itself
     store(block, b);
     store(ctx->key, bytes(low));
     store(ctx->key + 16, bytes(high));

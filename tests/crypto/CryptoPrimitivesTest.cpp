@@ -4,8 +4,11 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <fstream>
+#include <iterator>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "crypto/Aes256.h"
@@ -101,6 +104,46 @@ TEST(Aes256, EveryByteValueInEveryLane) {
     for (int v = 0; v < 256; ++v) {
         const Bytes key(32, uint8_t(v)), block(16, uint8_t(v));
         ASSERT_EQ(opensslDecrypt(key, block), ourDecrypt(key, block)) << "key byte " << v;
+    }
+}
+
+// Each block finds what its walk needs on its own stack: contexts deciphering on several threads
+// at once give what each gives alone.
+TEST(Aes256, ContextsOnThreadsMatchOpenSsl) {
+    std::mt19937 rng(10);
+    struct Job {
+        Bytes key, data, got;
+    };
+    std::vector<Job> jobs(4);
+    for (Job& job : jobs) job = {randomBytes(rng, 32), randomBytes(rng, 16 * 256), {}};
+    std::vector<std::thread> threads;
+    for (Job& job : jobs) threads.emplace_back([&job] { job.got = ourDecrypt(job.key, job.data); });
+    for (std::thread& t : threads) t.join();
+    for (size_t i = 0; i < jobs.size(); ++i)
+        EXPECT_EQ(opensslDecrypt(jobs[i].key, jobs[i].data), jobs[i].got) << "thread " << i;
+}
+
+// The walk's fixed points must be found at run time, not folded by the compiler into constants:
+// a stored table would put every 16th power of 3 in the program as a 16-byte vector. The
+// masks of the affine step and the generator itself match one or two of them by chance.
+TEST(Aes256, NoStoredTableOfPowersOfThree) {
+#if !defined(__x86_64__)
+    GTEST_SKIP() << "only x86-64 keeps byte-vector constants as 16-byte data";
+#endif
+    std::ifstream exe("/proc/self/exe", std::ios::binary);
+    const std::string image((std::istreambuf_iterator<char>(exe)), std::istreambuf_iterator<char>());
+    ASSERT_FALSE(image.empty());
+    bool vectorOf[256] = {};
+    for (size_t i = 0, run = 1; i + 1 < image.size(); ++i) {
+        run = image[i + 1] == image[i] ? run + 1 : 1;
+        if (run >= 16) vectorOf[uint8_t(image[i])] = true;
+    }
+    uint8_t power[255];
+    for (int e = 0, p = 1; e < 255; ++e, p ^= (p << 1) ^ (p & 0x80 ? 0x11b : 0)) power[e] = p;
+    for (int first = 0; first < 16; ++first) {
+        int stored = 0;
+        for (int t = 0; t < 16; ++t) stored += vectorOf[power[(first + 16 * t) % 255]];
+        EXPECT_LT(stored, 8) << "every 16th power of 3 from 3^" << first;
     }
 }
 
