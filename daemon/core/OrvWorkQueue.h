@@ -1,7 +1,7 @@
 #pragma once
 #include <pthread.h>
 
-#include <list>
+#include <deque>
 
 #include "daemon/core/OrvWork.h"
 #include "daemon/core/Thread.h"
@@ -21,7 +21,8 @@ class OrvWorkQueue : public Thread {
     bool close();
 
   private:
-    std::list<OrvWork*> mQueue;
+    // A deque: no allocation per work once it has grown, unlike a list node per push.
+    std::deque<OrvWork*> mQueue;
     pthread_mutex_t mLock;
     pthread_cond_t mCond;
     int mPriority;
