@@ -106,7 +106,8 @@ class OrvJsonActionDB : public OrvActionDB {
     void runMethods(Json::Value& set, OrvAction* action, bool clearNames);
     void runSequenceSet(OrvAction* action, const char* app, const char* state, const char* key,
                         ActionDir dir);
-    int stringOfValue(const Json::Value& valueObject, OrvAction* action, std::string& out);
+    int stringOfValue(const Json::Value& valueObject, const Json::Value& typeValue,
+                      OrvAction* action, std::string& out);
     // Members of a method or value object; anything but an object has none.
     static const Json::Value& member(const Json::Value& object, const char* key);
     // "path" of a method object as text, or null after the error line.
