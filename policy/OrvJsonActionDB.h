@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "policy/OrvActionDB.h"
+#include "policy/OrvActionSetCache.h"
 
 class OrvIoctlCfg;
 
@@ -85,6 +86,16 @@ class OrvJsonActionDB : public OrvActionDB {
     void logNotObject(std::initializer_list<const char*> keys, size_t depth);
     std::string memberText(const char* key, const char* absent);
     Json::Value* defaultResetSet();
+    // getActionSet, answered from mSetCache once the answer is settled. Action thread only.
+    Json::Value* findActionSet(const char* app, const char* state, const char* key,
+                               Json::Value** reference);
+    // True when getActionSet's answer (`set`, `reference`) can no longer change and logged
+    // nothing: on every link the application, its "action" and the state are objects already,
+    // and the chain ends at a set or at an application without "reference". Lookups only add
+    // null members and turn null nodes into objects, and none goes below a set or through a
+    // "reference" (but for a state of that name, which findActionSet keeps out).
+    bool isSettledSet(const char* app, const char* state, const char* key, const Json::Value* set,
+                      const Json::Value* reference);
     int runKeyedAction(OrvAction* action, const char* app, const char* state, const char* key,
                        ActionDir dir, const char* noDocError);
     int runTrackedSet(OrvAction* action, const char* key, Json::Value* set,
@@ -95,7 +106,8 @@ class OrvJsonActionDB : public OrvActionDB {
     void runMethods(Json::Value& set, OrvAction* action, bool clearNames);
     void runSequenceSet(OrvAction* action, const char* app, const char* state, const char* key,
                         ActionDir dir);
-    int stringOfValue(const Json::Value& valueObject, OrvAction* action, std::string& out);
+    int stringOfValue(const Json::Value& valueObject, const Json::Value& typeValue,
+                      OrvAction* action, std::string& out);
     // Members of a method or value object; anything but an object has none.
     static const Json::Value& member(const Json::Value& object, const char* key);
     // "path" of a method object as text, or null after the error line.
@@ -107,4 +119,5 @@ class OrvJsonActionDB : public OrvActionDB {
     Json::Value* mRoot;
     // Lookups grow the document; the listener's queries and the action thread both look up.
     pthread_mutex_t mDocLock;
+    OrvActionSetCache mSetCache;
 };

@@ -20,9 +20,68 @@ int OrvJsonActionDB::runKeyedAction(OrvAction* action, const char* app, const ch
     state = orEmpty(state);
     key = orEmpty(key);
     Json::Value* reference = nullptr;
-    Json::Value* set = getActionSet(app, state, key, &reference);
-    return runTrackedSet(action, key, set, reference, dir,
-                         std::string(app) + ".action." + state + "." + key + "\n");
+    Json::Value* set = findActionSet(app, state, key, &reference);
+    // Named only when it runs: most states have no set for most keys.
+    std::string last;
+    if (set != nullptr) last = std::string(app) + ".action." + state + "." + key + "\n";
+    return runTrackedSet(action, key, set, reference, dir, last);
+}
+
+// Links of a reference chain that isSettledSet follows before it gives up; the load refuses
+// loops, so only an absurd chain is this long.
+static const int kMaxSettledLinks = 64;
+
+Json::Value* OrvJsonActionDB::findActionSet(const char* app, const char* state, const char* key,
+                                            Json::Value** reference) {
+    // A walk through a state named "reference" turns an application's null "reference" into an
+    // object, which changes what earlier walks found.
+    if (strcmp(state, "reference") == 0) {
+        mSetCache.clear();
+        return getActionSet(app, state, key, reference);
+    }
+    if (const OrvActionSetCache::Entry* hit = mSetCache.find(app, state, key)) {
+        *reference = hit->reference;
+        return hit->set;
+    }
+    *reference = nullptr;
+    Json::Value* set = getActionSet(app, state, key, reference);
+    if (isSettledSet(app, state, key, set, *reference)) mSetCache.store({set, *reference});
+    return set;
+}
+
+bool OrvJsonActionDB::isSettledSet(const char* app, const char* state, const char* key,
+                                   const Json::Value* set, const Json::Value* reference) {
+    auto child = [](const Json::Value* node, const char* name) -> const Json::Value* {
+        return node != nullptr && node->isObject() ? node->find(name, name + strlen(name)) : nullptr;
+    };
+    const Json::Value* found = nullptr;
+    const Json::Value* followed = nullptr;
+    bool settled = false;
+    std::string name = app;
+    pthread_mutex_lock(&mDocLock);
+    for (int link = 0; link < kMaxSettledLinks; ++link) {
+        const Json::Value* apps = child(mRoot, "applications");
+        const Json::Value* actions = child(child(apps, name.c_str()), "action");
+        const Json::Value* stateNode = child(actions, state);
+        const Json::Value* candidate = child(stateNode, key);
+        if (candidate == nullptr) break;
+        if (!candidate->isNull()) {
+            found = candidate;
+            settled = true;
+            break;
+        }
+        const Json::Value* next = child(actions, "reference");
+        if (next == nullptr || next->isNull()) {
+            followed = nullptr;
+            settled = true;
+            break;
+        }
+        if (!next->isString()) break;
+        followed = next;
+        name = next->asString();
+    }
+    pthread_mutex_unlock(&mDocLock);
+    return settled && found == set && followed == reference;
 }
 
 // Runs `set` (null: absent) with the bookkeeping naming it; `last` is what the dump then shows.
@@ -87,7 +146,7 @@ void OrvJsonActionDB::runSequenceSet(OrvAction* action, const char* app, const c
     app = orEmpty(app);
     state = orEmpty(state);
     Json::Value* reference = nullptr;
-    Json::Value* set = getActionSet(app, state, key, &reference);
+    Json::Value* set = findActionSet(app, state, key, &reference);
     if (set == nullptr) {
         ORV_LOGD("nop (no define or reference: %s.action.%s.%s)", app, state, key);
         return;

@@ -4,8 +4,10 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include "daemon/core/OrvLog.h"
+#include "protocol/OrvAtoi.h"
 
 OrvMsgHandler::OrvMsgHandler() : mContext(nullptr), mActionManager(nullptr) {
     ORV_LOGD("constructor called");
@@ -42,13 +44,21 @@ void OrvMsgHandler::consume(const char* data, int len, SocketClient* client) {
     msgBuf.erase(0, used);
 }
 
+// Where `c` first is at or after `from`; npos when it is not. std::string::find without the call
+// into the library, which costs more than the search over a frame's few bytes.
+static size_t findFrom(const std::string& text, char c, size_t from) {
+    const void* hit = memchr(text.data() + from, c, text.size() - from);
+    return hit ? static_cast<size_t>(static_cast<const char*>(hit) - text.data())
+               : std::string::npos;
+}
+
 // Frames are cut where they lie: `at` marks the start of what is left, and only a frame's end is
 // NUL-terminated for the moment its handler runs. Returns how many leading bytes were used up.
 size_t OrvMsgHandler::cutFrames(SocketClient* client) {
     size_t at = 0;
     while (at < msgBuf.size()) {
         const char* rest = msgBuf.c_str() + at;
-        size_t open = msgBuf.find('[', at);
+        size_t open = findFrom(msgBuf, '[', at);
         if (open == std::string::npos) {
             ALOGE("msg parser error: missing '[', broken msg(%s)", rest);
             ALOGE("msg parser error: clear msg");
@@ -63,21 +73,21 @@ size_t OrvMsgHandler::cutFrames(SocketClient* client) {
             at = 0;
             continue;
         }
-        size_t comma = msgBuf.find(',', at);
+        size_t comma = findFrom(msgBuf, ',', at);
         if (comma == std::string::npos) {
             ALOGE("msg parser error: missing ',', broken msg(%s)", rest);
             ALOGE("msg parser error: wait next msg");
             return at;
         }
-        // atoi stops at the comma, as it would at the end of the code's own copy.
-        int code = atoi(rest + 1);
-        size_t close = msgBuf.find(']', comma);
+        // Stops at the comma, as atoi would at the end of the code's own copy.
+        int code = OrvAtoi(rest + 1);
+        size_t close = findFrom(msgBuf, ']', comma);
         if (close == std::string::npos) {
             ALOGE("msg parser error: missing ']', broken msg(%s)", rest);
             ALOGE("msg parser error: wait next msg");
             return at;
         }
-        int payloadLen = atoi(msgBuf.c_str() + comma + 1);
+        int payloadLen = OrvAtoi(msgBuf.c_str() + comma + 1);
         size_t body = close + 1;
         size_t remain = msgBuf.size() - body;
         ORV_LOGD("msgBuf=%s", rest);
@@ -117,7 +127,7 @@ const char* OrvMsgHandler::getPNameByPid(int pid) {
 }
 
 // try_emplace: a pid already known costs no node built and thrown away.
-void OrvMsgHandler::addPidPNamePair(int pid, const char* pname) {
+void OrvMsgHandler::addPidPNamePair(int pid, std::string_view pname) {
     mPidNameMap.try_emplace(pid, pname);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 class OrvActionManager;
@@ -21,7 +22,7 @@ class OrvMsgHandler {
 
     const char* getPNameByPid(int pid);
     // Both keep an existing entry.
-    void addPidPNamePair(int pid, const char* pname);
+    void addPidPNamePair(int pid, std::string_view pname);
     void addIdPair(int pid, int tid);
 
     // "0"/"1" digits, last one bit 0, to the decimal text of the 32-bit sum.

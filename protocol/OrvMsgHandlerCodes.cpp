@@ -5,10 +5,12 @@
 
 #include <iterator>
 #include <string>
+#include <string_view>
 
 #include "daemon/Orvello.h"
 #include "daemon/core/OrvLog.h"
 #include "policy/OrvActionManager.h"
+#include "protocol/OrvAtoi.h"
 #include "protocol/OrvMsgHandler.h"
 #include "protocol/OrvMsgTrace.h"
 #include "scenario/OrvContext.h"
@@ -78,10 +80,16 @@ class Fields {
         const char* start = next();
         return start ? std::string(start, mEnd) : std::string();
     }
-    // atoi stops at the ";" by itself, so the field needs no copy.
+    // The same text where it lies, for a field that is only looked at.
+    std::string_view view() {
+        const char* start = next();
+        return start ? std::string_view(start, static_cast<size_t>(mEnd - start))
+                     : std::string_view("");
+    }
+    // Parsing stops at the ";" by itself, so the field needs no copy.
     int number() {
         const char* start = next();
-        return start ? atoi(start) : 0;
+        return start ? OrvAtoi(start) : 0;
     }
 
   private:
@@ -109,15 +117,17 @@ void OrvMsgHandler::consumeMsg(int code, const char* payload, SocketClient* clie
     switch (code) {
         case PROCESS_START: {
             int pid = f.number();
-            std::string pname = f.text();
-            ORV_LOGD("PROCESS_START(%d)|%d;%s", code, pid, pname.c_str());
-            addPidPNamePair(pid, pname.c_str());
+            std::string_view pname = f.view();
+            ORV_LOGD("PROCESS_START(%d)|%d;%.*s", code, pid, static_cast<int>(pname.size()),
+                     pname.data());
+            addPidPNamePair(pid, pname);
             break;
         }
         case PROCESS_DIE: {
             int pid = f.number();
-            std::string pname = f.text();
-            ORV_LOGD("PROCESS_DIE(%d)|%d;%s", code, pid, pname.c_str());
+            std::string_view pname = f.view();
+            ORV_LOGD("PROCESS_DIE(%d)|%d;%.*s", code, pid, static_cast<int>(pname.size()),
+                     pname.data());
             mPidNameMap.erase(pid);
             mGLTidMap.erase(pid);
             break;

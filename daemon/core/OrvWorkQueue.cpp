@@ -8,15 +8,16 @@
 
 #include "daemon/core/OrvStopWatch.h"
 
-OrvWorkQueue::OrvWorkQueue() : mPriority(0), mPolicy(0) {
-    pthread_mutex_init(&mLock, nullptr);
-    pthread_cond_init(&mCond, nullptr);
+OrvWorkQueue::OrvWorkQueue() : mShared(new Shared), mPriority(0), mPolicy(0) {
+    pthread_mutex_init(&mShared->lock, nullptr);
+    pthread_cond_init(&mShared->cond, nullptr);
 }
 
-// The serving thread is never joined and may still wait on the condition variable when the
-// owner goes away at exit; destroying it then would block in glibc, so the primitives stay.
+// The serving thread is never joined and may still wait on the lock or the condition variable
+// when the owner goes away; destroying them then would block in glibc, and freeing them would
+// let that thread wake on whatever takes their place. So they stay, unless no thread ever ran.
 OrvWorkQueue::~OrvWorkQueue() {
-    close();
+    if (close() && !isStarted()) delete mShared;
 }
 
 bool OrvWorkQueue::close() {
@@ -25,23 +26,23 @@ bool OrvWorkQueue::close() {
     struct timespec deadline;
     clock_gettime(CLOCK_REALTIME, &deadline);
     deadline.tv_sec += 2;
-    if (pthread_mutex_timedlock(&mLock, &deadline) != 0) return false;
+    if (pthread_mutex_timedlock(&mShared->lock, &deadline) != 0) return false;
     mClosed = true;
-    for (OrvWork* work : mQueue) {
+    for (OrvWork* work : mShared->works) {
         if (work->isDeleteAfterRun()) delete work;
     }
-    mQueue.clear();
+    mShared->works.clear();
     return true;
 }
 
 void OrvWorkQueue::push_back(OrvWork* work) {
-    pthread_mutex_lock(&mLock);
-    mQueue.push_back(work);
+    pthread_mutex_lock(&mShared->lock);
+    mShared->works.push_back(work);
     gWatch.check(">==work added======>");
-    pthread_mutex_unlock(&mLock);
+    pthread_mutex_unlock(&mShared->lock);
     // After unlocking: a thread woken while the mutex is still held would block on it at once
     // and need a second wake-up.
-    pthread_cond_signal(&mCond);
+    pthread_cond_signal(&mShared->cond);
 }
 
 void* OrvWorkQueue::run() {
@@ -52,21 +53,23 @@ void* OrvWorkQueue::run() {
     } else if (mPriority != 0) {
         setpriority(PRIO_PROCESS, 0, mPriority);
     }
+    // From here on the thread never reads the object itself, which may be gone once closed.
+    Shared* const shared = mShared;
     for (;;) {
-        pthread_mutex_lock(&mLock);
-        while (mQueue.empty()) {
-            pthread_cond_wait(&mCond, &mLock);
+        pthread_mutex_lock(&shared->lock);
+        while (shared->works.empty()) {
+            pthread_cond_wait(&shared->cond, &shared->lock);
         }
         gWatch.check(">==work start======>");
-        OrvWork* work = mQueue.front();
-        mQueue.pop_front();
+        OrvWork* work = shared->works.front();
+        shared->works.pop_front();
         // Executed under the lock: producers wait until the work is done.
         work->execute();
         gWatch.stop(">==work finish======>");
         if (work->isDeleteAfterRun()) {
             delete work;
         }
-        pthread_mutex_unlock(&mLock);
+        pthread_mutex_unlock(&shared->lock);
     }
     return nullptr;
 }

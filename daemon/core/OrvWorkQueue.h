@@ -1,7 +1,7 @@
 #pragma once
 #include <pthread.h>
 
-#include <list>
+#include <deque>
 
 #include "daemon/core/OrvWork.h"
 #include "daemon/core/Thread.h"
@@ -13,6 +13,8 @@ class OrvWorkQueue : public Thread {
     OrvWorkQueue();
     void* run() override;  // never returns
     ~OrvWorkQueue() override;
+    OrvWorkQueue(const OrvWorkQueue&) = delete;
+    OrvWorkQueue& operator=(const OrvWorkQueue&) = delete;
 
     void push_back(OrvWork* work);
     // For teardown: waits for the running work, then keeps the queue locked for good so that
@@ -21,9 +23,16 @@ class OrvWorkQueue : public Thread {
     bool close();
 
   private:
-    std::list<OrvWork*> mQueue;
-    pthread_mutex_t mLock;
-    pthread_cond_t mCond;
+    // What the serving thread touches. It outlives a queue whose thread was started: that
+    // thread, blocked on the closed queue for good, may wait on it after the owner has gone and
+    // its memory holds something else.
+    struct Shared {
+        pthread_mutex_t lock;
+        pthread_cond_t cond;
+        // A deque: no allocation per work once it has grown, unlike a list node per push.
+        std::deque<OrvWork*> works;
+    };
+    Shared* mShared;
     int mPriority;
     int mPolicy;
     bool mClosed = false;  // only read and written by the owner's thread

@@ -13,16 +13,18 @@ const Json::Value& OrvJsonActionDB::member(const Json::Value& object, const char
 
 int OrvJsonActionDB::getValueStringByType(const Json::Value& methodObject, OrvAction* action,
                                           std::string& out) {
-    if (!member(methodObject, "type").isString()) {
+    const Json::Value& type = member(methodObject, "type");
+    if (!type.isString()) {
         ALOGE("\"type\" must be a string. (fetch %s)", getCurActionInfoStr().c_str());
         return -1;
     }
-    return stringOfValue(methodObject, action, out);
+    return stringOfValue(methodObject, type, action, out);
 }
 
-// Text conversion once "type" is known to be a string.
-int OrvJsonActionDB::stringOfValue(const Json::Value& object, OrvAction* action, std::string& out) {
-    const std::string type = member(object, "type").asString();
+// Text conversion once "type" is known to be a string; `typeValue` is that member, looked up once.
+int OrvJsonActionDB::stringOfValue(const Json::Value& object, const Json::Value& typeValue,
+                                   OrvAction* action, std::string& out) {
+    const std::string type = typeValue.asString();
     const Json::Value& value = member(object, "value");
     if (type == "array") {
         if (!value.isArray()) {
@@ -32,12 +34,13 @@ int OrvJsonActionDB::stringOfValue(const Json::Value& object, OrvAction* action,
         std::string element;
         for (Json::ArrayIndex i = 0; i < value.size(); ++i) {
             const Json::Value& item = value[i];
-            if (!member(item, "type").isString()) {
+            const Json::Value& itemType = member(item, "type");
+            if (!itemType.isString()) {
                 ALOGE("\"type\" must be a string. (fetch %s)", getCurActionInfoStr().c_str());
                 return -1;
             }
             element.clear();
-            if (stringOfValue(item, action, element) != 0) return -1;
+            if (stringOfValue(item, itemType, action, element) != 0) return -1;
             out += element;
             out += " ";
         }
@@ -56,11 +59,11 @@ int OrvJsonActionDB::stringOfValue(const Json::Value& object, OrvAction* action,
         out = std::to_string(value.asInt());
         return 0;
     }
-    const std::string text = value.asString();
     if (type == "string") {
-        out = text;
+        out = value.asString();
         return 0;
     }
+    const std::string text = value.asString();
     if (type == "xfs") return readFile(text.c_str(), out);
     if (type == "prop") return getSystemProperty(text.c_str(), out);
     if (type == "var") return getVarString(action, text.c_str(), out);

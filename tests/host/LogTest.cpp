@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <sys/time.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -134,6 +135,30 @@ TEST(Log, ConcurrentRecordsDoNotInterleave) {
         ASSERT_EQ(" first", a.text.substr(a.text.size() - 6));
         EXPECT_EQ(a.text.substr(0, a.text.size() - 6) + " second", b.text);
         EXPECT_EQ(a.tid, b.tid);
+    }
+}
+
+// The date and time are kept per second: each record still shows the local time it was written
+// at, across second boundaries.
+TEST(Log, HeaderClockIsTheLocalTimeOfEachRecord) {
+    auto clockText = [](time_t t) {
+        struct tm tm;
+        localtime_r(&t, &tm);
+        char text[32];
+        strftime(text, sizeof(text), "%m-%d %H:%M:%S", &tm);
+        return std::string(text);
+    };
+    for (int i = 0; i < 3; ++i) {
+        time_t before = time(nullptr);
+        auto l = logged(ANDROID_LOG_INFO, "T", "tick");
+        time_t after = time(nullptr);
+        ASSERT_EQ(1u, l.size());
+        std::string shown = l[0].substr(0, 14);
+        EXPECT_TRUE(shown == clockText(before) || shown == clockText(after)) << l[0];
+        // Into the next second, a few milliseconds past its start.
+        struct timespec now;
+        clock_gettime(CLOCK_REALTIME, &now);
+        usleep(static_cast<useconds_t>((1000000000L - now.tv_nsec) / 1000 + 5000));
     }
 }
 

@@ -117,17 +117,84 @@ char levelLetter(int prio) {
     return prio == ANDROID_LOG_SILENT ? 'S' : '?';
 }
 
+// Two or three decimal digits, zero-padded ("%02d", "%03d" of a value that fits).
+char* putDigits(char* out, int value, int width) {
+    for (int i = width - 1; i >= 0; --i, value /= 10) out[i] = static_cast<char>('0' + value % 10);
+    return out + width;
+}
+
+// "%5d": right-aligned in five columns, wider when it needs more.
+char* putPadded(char* out, int value) {
+    char digits[12];
+    int n = 0;
+    unsigned int u = value < 0 ? 0u - static_cast<unsigned int>(value) : value;
+    do {
+        digits[n++] = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u != 0);
+    if (value < 0) digits[n++] = '-';
+    for (int pad = n; pad < 5; ++pad) *out++ = ' ';
+    while (n > 0) *out++ = digits[--n];
+    return out;
+}
+
+// The parts of a header that stay put: "MM-DD HH:MM:SS" for one second and "  PID   TID" for
+// one thread. Kept per thread, a record in the same second as the one before costs neither
+// localtime_r nor printf. Nested records only read a copy of their own, never this one.
+struct HeadParts {
+    time_t second = -1;
+    char clock[14];
+    int pid = 0, tid = 0;
+    char ids[32];
+    size_t idsLen = 0;
+};
+thread_local HeadParts tHead;
+
+void refreshParts(time_t second, bool nested, HeadParts& parts) {
+    if (parts.second != second) {
+        struct tm tm;
+        localTime(second, nested, &tm);
+        char* p = putDigits(parts.clock, tm.tm_mon + 1, 2);
+        *p++ = '-';
+        p = putDigits(p, tm.tm_mday, 2);
+        *p++ = ' ';
+        p = putDigits(p, tm.tm_hour, 2);
+        *p++ = ':';
+        p = putDigits(p, tm.tm_min, 2);
+        *p++ = ':';
+        putDigits(p, tm.tm_sec, 2);
+        parts.second = second;
+    }
+    const int pid = cachedPid(), tid = cachedTid();
+    if (parts.idsLen == 0 || parts.pid != pid || parts.tid != tid) {
+        char* p = putPadded(parts.ids, pid);
+        *p++ = ' ';
+        p = putPadded(p, tid);
+        parts.idsLen = static_cast<size_t>(p - parts.ids);
+        parts.pid = pid;
+        parts.tid = tid;
+    }
+}
+
 // Fills `head` with the threadtime header and returns its length.
 size_t header(int prio, const char* tag, bool nested, char* head, size_t size) {
     struct timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
-    struct tm tm;
-    localTime(now.tv_sec, nested, &tm);
-    int n =
-        snprintf(head, size, "%02d-%02d %02d:%02d:%02d.%03d %5d %5d %c ", tm.tm_mon + 1, tm.tm_mday,
-                 tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<int>(now.tv_nsec / 1000000),
-                 cachedPid(), cachedTid(), levelLetter(prio));
-    size_t len = n < 0 ? 0 : static_cast<size_t>(n) < size ? static_cast<size_t>(n) : size - 1;
+    HeadParts own;
+    HeadParts& parts = nested ? own : tHead;
+    refreshParts(now.tv_sec, nested, parts);
+    char* p = head;
+    memcpy(p, parts.clock, sizeof(parts.clock));
+    p += sizeof(parts.clock);
+    *p++ = '.';
+    p = putDigits(p, static_cast<int>(now.tv_nsec / 1000000), 3);
+    *p++ = ' ';
+    memcpy(p, parts.ids, parts.idsLen);
+    p += parts.idsLen;
+    *p++ = ' ';
+    *p++ = levelLetter(prio);
+    *p++ = ' ';
+    size_t len = static_cast<size_t>(p - head);
     // The tag is padded like "%-8s" but never cut, however long it is.
     const size_t tagStart = len;
     for (const char* t = tag ? tag : ""; *t != '\0' && len + 3 < size; ++t) head[len++] = *t;

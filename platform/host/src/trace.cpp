@@ -18,6 +18,8 @@ const char* const kTraceFs[] = {"/sys/kernel/tracing", "/sys/kernel/debug/tracin
 const int64_t kRecheckNs = 200 * 1000000LL;
 
 std::once_flag sSetup;
+// Set once setup is done: std::call_once costs two thread-local stores on every call.
+std::atomic<bool> sReady{false};
 int sMarker = -1;
 char sTracingOn[128];
 std::atomic<uint64_t> sTags{0};
@@ -70,7 +72,9 @@ void emit(const char* text, int length) {
 }  // namespace
 
 void atrace_init(void) {
+    if (sReady.load(std::memory_order_acquire)) return;
     std::call_once(sSetup, setup);
+    sReady.store(true, std::memory_order_release);
 }
 
 uint64_t atrace_get_enabled_tags(void) {
