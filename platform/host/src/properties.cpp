@@ -87,6 +87,20 @@ struct SerialStore {
     uint64_t* serial = nullptr;
     bool writable = false;
     std::unordered_map<std::string, CachedValue> values;
+    // The last value looked up, by name: the daemon asks for the same one on every read, and
+    // finding it this way builds no string. Elements keep their place until values is cleared.
+    std::string lastKey;
+    CachedValue* last = nullptr;
+    // The store directory readers last asked for, and the ORV_ROOT it was made from: the path
+    // is rebuilt only when the variable changes.
+    std::string readerDir;
+    std::string rootEnv;
+    bool rootSet = false;
+
+    void clearValues() {
+        values.clear();
+        last = nullptr;
+    }
 
     // The counter of `storeDir`, mapped on first use; null while there is none. A setter
     // (`create`) makes the file and needs it writable. A counter whose file was removed or
@@ -101,7 +115,7 @@ struct SerialStore {
         }
         if (!serial) map(create);
         // A value written straight into its file moves no counter; it shows within kRecheckMs.
-        if (recheck) values.clear();
+        if (recheck) clearValues();
         return serial;
     }
 
@@ -122,7 +136,7 @@ struct SerialStore {
         if (fd >= 0) close(fd);
         serial = nullptr;
         fd = -1;
-        values.clear();
+        clearValues();
     }
     // The mapped file is still the one the store's path names (not removed, not replaced). The
     // mapping keeps its inode alive, so a new file cannot reuse its number.
@@ -179,24 +193,44 @@ void bumpSerial(const std::string& dir) {
     }
 }
 
+// The store directory for the current ORV_ROOT, rebuilt only when the variable changed.
+const std::string& cachedStoreDir(SerialStore& cache) {
+    const char* env = getenv("ORV_ROOT");
+    if (cache.readerDir.empty() || cache.rootSet != (env != nullptr) ||
+        (env != nullptr && cache.rootEnv != env)) {
+        cache.rootSet = env != nullptr;
+        cache.rootEnv = env ? env : "";
+        cache.readerDir = storeDir();
+    }
+    return cache.readerDir;
+}
+
 // A stored value as readValue gives it, from the cache while the store's counter stands still.
 int readStored(const char* key, char* out) {
-    const std::string dir = storeDir();
     SerialStore& cache = serialStore();
     std::lock_guard<std::mutex> lock(cache.lock);
+    const std::string& dir = cachedStoreDir(cache);
     const uint64_t* counter = cache.counter(dir, false);
     if (!counter) return readValue(dir + "/" + key, out);
     const uint64_t serial = __atomic_load_n(counter, __ATOMIC_ACQUIRE);
-    auto it = cache.values.find(key);
-    if (it == cache.values.end() || it->second.serial != serial) {
+    CachedValue* value = cache.last;
+    if (value == nullptr || strcmp(cache.lastKey.c_str(), key) != 0) {
+        auto it = cache.values.find(key);
+        value = it == cache.values.end() ? nullptr : &it->second;
+    }
+    if (value == nullptr || value->serial != serial) {
         // The count is taken before the read: a set racing with it moves the count again.
         CachedValue fresh;
         fresh.serial = serial;
         fresh.len = readValue(dir + "/" + key, fresh.value);
-        it = cache.values.insert_or_assign(key, fresh).first;
+        value = &cache.values.insert_or_assign(key, fresh).first->second;
     }
-    if (it->second.len >= 0) memcpy(out, it->second.value, it->second.len + 1);
-    return it->second.len;
+    if (value != cache.last) {
+        cache.lastKey = key;
+        cache.last = value;
+    }
+    if (value->len >= 0) memcpy(out, value->value, value->len + 1);
+    return value->len;
 }
 
 }  // namespace
