@@ -89,16 +89,18 @@ OrvJsonActionDB* OrvJsonActionDB::createDB(const char* path, bool encrypted) {
         return nullptr;
     }
     const char* stage = encrypted ? "after decrypt" : "before decrypt";
-    if (!nestingWithinLimit(text)) {
-        ALOGE("Failed to parse %s %s:\n%s", path, stage, "* Nesting too deep\n");
-        return nullptr;
-    }
     Json::Value* root = new Json::Value();
     Json::Reader reader;
-    // What the quick parser leaves (escapes, fractions, anything malformed) goes to JsonCpp,
-    // whose verdict and messages stand. The pointer form parses the text where it is.
-    bool parsed = OrvJsonParser::parse(text.data(), text.data() + text.size(), *root);
+    // What the quick parser leaves (escapes, fractions, anything malformed or too deep) goes to
+    // JsonCpp, whose verdict and messages stand; what it takes nests no deeper than the guard
+    // allows, so only the rest is scanned for depth. The pointer form parses in place.
+    bool parsed = OrvJsonParser::parse(text.data(), text.data() + text.size(), MAX_NESTING, *root);
     if (!parsed) {
+        if (!nestingWithinLimit(text)) {
+            ALOGE("Failed to parse %s %s:\n%s", path, stage, "* Nesting too deep\n");
+            delete root;
+            return nullptr;
+        }
         *root = Json::Value();
         parsed = reader.parse(text.data(), text.data() + text.size(), *root, true);
     }

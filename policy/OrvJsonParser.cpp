@@ -4,15 +4,13 @@
 
 namespace {
 
-// Deeper documents are refused before parsing; this only keeps the recursion bounded.
-constexpr int kMaxDepth = 1000;
 // Integers of up to 18 digits cannot overflow; longer ones are left to JsonCpp.
 constexpr size_t kMaxDigits = 18;
 
 }  // namespace
 
-bool OrvJsonParser::parse(const char* begin, const char* end, Json::Value& root) {
-    OrvJsonParser parser(begin, end);
+bool OrvJsonParser::parse(const char* begin, const char* end, int maxNesting, Json::Value& root) {
+    OrvJsonParser parser(begin, end, maxNesting);
     if (!parser.value(root, 0) || !parser.skipSpaceAndComments()) return false;
     // JsonCpp ignores what follows the root value; only a clean end is taken here.
     return parser.mAt == parser.mEnd;
@@ -41,7 +39,7 @@ bool OrvJsonParser::skipSpaceAndComments() {
 }
 
 bool OrvJsonParser::value(Json::Value& out, int depth) {
-    if (depth > kMaxDepth || !skipSpaceAndComments() || mAt == mEnd) return false;
+    if (!skipSpaceAndComments() || mAt == mEnd) return false;
     switch (*mAt) {
         case '{':
             return object(out, depth);
@@ -68,6 +66,7 @@ bool OrvJsonParser::value(Json::Value& out, int depth) {
 }
 
 bool OrvJsonParser::object(Json::Value& out, int depth) {
+    if (depth >= mMaxNesting) return false;
     ++mAt;
     out = Json::Value(Json::objectValue);
     if (!skipSpaceAndComments() || mAt == mEnd) return false;
@@ -92,6 +91,7 @@ bool OrvJsonParser::object(Json::Value& out, int depth) {
 }
 
 bool OrvJsonParser::array(Json::Value& out, int depth) {
+    if (depth >= mMaxNesting) return false;
     ++mAt;
     out = Json::Value(Json::arrayValue);
     skipSpace();

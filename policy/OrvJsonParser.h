@@ -8,10 +8,12 @@
 // whose verdict and error messages are the ones that count.
 class OrvJsonParser {
   public:
-    static bool parse(const char* begin, const char* end, Json::Value& root);
+    // Declines documents whose objects and arrays nest deeper than `maxNesting`.
+    static bool parse(const char* begin, const char* end, int maxNesting, Json::Value& root);
 
   private:
-    OrvJsonParser(const char* begin, const char* end) : mAt(begin), mEnd(end) {}
+    OrvJsonParser(const char* begin, const char* end, int maxNesting)
+        : mAt(begin), mEnd(end), mMaxNesting(maxNesting) {}
     void skipSpace();
     bool skipSpaceAndComments();
     bool value(Json::Value& out, int depth);
@@ -23,4 +25,5 @@ class OrvJsonParser {
 
     const char* mAt;
     const char* const mEnd;
+    const int mMaxNesting;
 };

@@ -72,7 +72,7 @@ void expectSame(const Json::Value& want, const Json::Value& got, const std::stri
 
 void check(const std::string& what, const std::string& doc, Expect expect) {
     Json::Value fast, slow;
-    const bool took = OrvJsonParser::parse(doc.data(), doc.data() + doc.size(), fast);
+    const bool took = OrvJsonParser::parse(doc.data(), doc.data() + doc.size(), 900, fast);
     const bool readerTook = Json::Reader().parse(doc.data(), doc.data() + doc.size(), slow, true);
     if (expect == kDeclined) {
         EXPECT_FALSE(took) << what;
@@ -85,6 +85,19 @@ void check(const std::string& what, const std::string& doc, Expect expect) {
 
 TEST(JsonParser, TakesWhatTheReaderTakesAsTheReaderDoesAndDeclinesTheRest) {
     for (const Case& c : kCases) check(c.what, c.doc, c.expect);
+}
+
+// The load scans for depth only what this parser declines, so it must decline every document
+// nested deeper than it is told, counting brackets as that scan does.
+TEST(JsonParser, DeclinesNestingBeyondItsLimit) {
+    Json::Value root;
+    const std::string three = R"({"a":[{"b":1}]})", four = R"({"a":[{"b":[]}]})";
+    EXPECT_TRUE(OrvJsonParser::parse(three.data(), three.data() + three.size(), 3, root));
+    EXPECT_FALSE(OrvJsonParser::parse(four.data(), four.data() + four.size(), 3, root));
+    const std::string deep = std::string(901, '[') + std::string(901, ']');
+    EXPECT_FALSE(OrvJsonParser::parse(deep.data(), deep.data() + deep.size(), 900, root));
+    const std::string limit = std::string(900, '[') + std::string(900, ']');
+    EXPECT_TRUE(OrvJsonParser::parse(limit.data(), limit.data() + limit.size(), 900, root));
 }
 
 TEST(JsonParser, ShippedExamplesParseToTheReadersTree) {
