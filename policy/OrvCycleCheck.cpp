@@ -25,8 +25,9 @@ std::string chain(const std::vector<std::string>& path, size_t from, const std::
 std::string OrvCycleCheck::find(const Json::Value& root) {
     const Json::Value* apps = memberOf(root, "applications");
     if (apps != nullptr && apps->isObject()) {
-        for (const char* section : {"param", "action"}) {
-            std::string cycle = findReferenceCycle(*apps, section);
+        const Referrers referrers = findReferrers(*apps);
+        for (int section : {kParam, kAction}) {
+            std::string cycle = findReferenceCycle(*apps, referrers, section);
             if (!cycle.empty()) return cycle;
         }
     }
@@ -34,26 +35,54 @@ std::string OrvCycleCheck::find(const Json::Value& root) {
     return groups != nullptr ? findGroupCycle(*groups) : std::string();
 }
 
+// One pass over the applications, each looked at once for both sections: with thousands of
+// applications the walk over the tree, not the search, is what costs.
+OrvCycleCheck::Referrers OrvCycleCheck::findReferrers(const Json::Value& apps) {
+    static const char* const kSections[] = {"param", "action"};
+    Referrers out;
+    for (auto it = apps.begin(); it != apps.end(); ++it) {
+        if (!it->isObject()) continue;
+        Referrer entry{&*it, nullptr, nullptr, {nullptr, nullptr}};
+        entry.name = it.memberName(&entry.nameEnd);
+        for (auto member = it->begin(); member != it->end(); ++member) {
+            const char* end = nullptr;
+            const char* name = member.memberName(&end);
+            for (int section : {kParam, kAction}) {
+                const size_t length = strlen(kSections[section]);
+                if (name == nullptr || static_cast<size_t>(end - name) != length ||
+                    memcmp(name, kSections[section], length) != 0)
+                    continue;
+                const Json::Value* ref = memberOf(*member, "reference");
+                if (ref != nullptr && ref->isString()) entry.ref[section] = ref->asCString();
+            }
+        }
+        if (entry.ref[kParam] != nullptr || entry.ref[kAction] != nullptr) {
+            out.index.emplace(entry.app, out.list.size());
+            out.list.push_back(entry);
+        }
+    }
+    return out;
+}
+
 // Each application names at most one other, so every walk is a chain; a chain that meets an
 // application of its own walk is a loop. Applications already cleared end a walk early. Only
-// applications that name another are remembered: the rest end any walk anyway, and a policy
-// with thousands of applications and few references then costs no allocation per application.
-std::string OrvCycleCheck::findReferenceCycle(const Json::Value& apps, const char* section) {
-    auto reference = [&](const Json::Value& app) -> const char* {
-        const Json::Value* part = memberOf(app, section);
-        const Json::Value* ref = part ? memberOf(*part, "reference") : nullptr;
-        return ref != nullptr && ref->isString() ? ref->asCString() : nullptr;
+// applications that name another take part: the rest end any walk anyway.
+std::string OrvCycleCheck::findReferenceCycle(const Json::Value& apps, const Referrers& referrers,
+                                              int section) {
+    static const char* const kNames[] = {"param", "action"};
+    auto reference = [&](const Json::Value* app) -> const char* {
+        auto at = referrers.index.find(app);
+        return at == referrers.index.end() ? nullptr : referrers.list[at->second].ref[section];
     };
     std::unordered_map<const Json::Value*, int> walkOf;  // application -> walk that visited it
     std::vector<std::pair<const Json::Value*, std::string>> path;
     int walk = 0;
-    for (auto it = apps.begin(); it != apps.end(); ++it) {
-        const char* target = reference(*it);
-        if (target == nullptr || walkOf.count(&*it)) continue;
+    for (const Referrer& start : referrers.list) {
+        if (start.ref[section] == nullptr || walkOf.count(start.app)) continue;
         ++walk;
         path.clear();
-        const Json::Value* cur = &*it;
-        std::string name = it.name();
+        const Json::Value* cur = start.app;
+        std::string name = start.name ? std::string(start.name, start.nameEnd) : std::string();
         while (cur != nullptr) {
             auto seen = walkOf.find(cur);
             if (seen != walkOf.end()) {
@@ -62,9 +91,9 @@ std::string OrvCycleCheck::findReferenceCycle(const Json::Value& apps, const cha
                 while (path[from].first != cur) ++from;
                 std::vector<std::string> names;
                 for (size_t i = from; i < path.size(); ++i) names.push_back(path[i].second);
-                return std::string(section) + " reference cycle: " + chain(names, 0, name);
+                return std::string(kNames[section]) + " reference cycle: " + chain(names, 0, name);
             }
-            target = reference(*cur);
+            const char* target = reference(cur);
             if (target == nullptr) break;
             walkOf[cur] = walk;
             path.emplace_back(cur, name);
