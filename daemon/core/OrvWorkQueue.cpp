@@ -17,7 +17,7 @@ OrvWorkQueue::OrvWorkQueue() : mShared(new Shared), mPriority(0), mPolicy(0) {
 // when the owner goes away; destroying them then would block in glibc, and freeing them would
 // let that thread wake on whatever takes their place. So they stay, unless no thread ever ran.
 OrvWorkQueue::~OrvWorkQueue() {
-    if (close() && !isStarted()) delete mShared;
+    if (close() && !isStarted() && !mServed) delete mShared;
 }
 
 bool OrvWorkQueue::close() {
@@ -53,6 +53,7 @@ void* OrvWorkQueue::run() {
     } else if (mPriority != 0) {
         setpriority(PRIO_PROCESS, 0, mPriority);
     }
+    mServed = true;
     // From here on the thread never reads the object itself, which may be gone once closed.
     Shared* const shared = mShared;
     for (;;) {

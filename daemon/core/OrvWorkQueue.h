@@ -1,6 +1,7 @@
 #pragma once
 #include <pthread.h>
 
+#include <atomic>
 #include <deque>
 
 #include "daemon/core/OrvWork.h"
@@ -36,4 +37,7 @@ class OrvWorkQueue : public Thread {
     int mPriority;
     int mPolicy;
     bool mClosed = false;  // only read and written by the owner's thread
+    // Set by run(), which a thread may also enter without start() (the main thread serves the
+    // update queue that way).
+    std::atomic<bool> mServed{false};
 };
