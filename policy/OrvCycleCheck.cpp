@@ -20,6 +20,9 @@ std::string chain(const std::vector<std::string>& path, size_t from, const std::
     return out + last;
 }
 
+// By section index (kParam, kAction).
+const char* const kSectionNames[] = {"param", "action"};
+
 }  // namespace
 
 std::string OrvCycleCheck::find(const Json::Value& root) {
@@ -35,26 +38,18 @@ std::string OrvCycleCheck::find(const Json::Value& root) {
     return groups != nullptr ? findGroupCycle(*groups) : std::string();
 }
 
-// One pass over the applications, each looked at once for both sections: with thousands of
-// applications the walk over the tree, not the search, is what costs.
+// One pass over the applications for both sections: with thousands of applications the walk
+// over the tree, not the search, is what costs.
 OrvCycleCheck::Referrers OrvCycleCheck::findReferrers(const Json::Value& apps) {
-    static const char* const kSections[] = {"param", "action"};
     Referrers out;
     for (auto it = apps.begin(); it != apps.end(); ++it) {
         if (!it->isObject()) continue;
         Referrer entry{&*it, nullptr, nullptr, {nullptr, nullptr}};
         entry.name = it.memberName(&entry.nameEnd);
-        for (auto member = it->begin(); member != it->end(); ++member) {
-            const char* end = nullptr;
-            const char* name = member.memberName(&end);
-            for (int section : {kParam, kAction}) {
-                const size_t length = strlen(kSections[section]);
-                if (name == nullptr || static_cast<size_t>(end - name) != length ||
-                    memcmp(name, kSections[section], length) != 0)
-                    continue;
-                const Json::Value* ref = memberOf(*member, "reference");
-                if (ref != nullptr && ref->isString()) entry.ref[section] = ref->asCString();
-            }
+        for (int section : {kParam, kAction}) {
+            const Json::Value* part = memberOf(*it, kSectionNames[section]);
+            const Json::Value* ref = part ? memberOf(*part, "reference") : nullptr;
+            if (ref != nullptr && ref->isString()) entry.ref[section] = ref->asCString();
         }
         if (entry.ref[kParam] != nullptr || entry.ref[kAction] != nullptr) {
             out.index.emplace(entry.app, out.list.size());
@@ -69,7 +64,6 @@ OrvCycleCheck::Referrers OrvCycleCheck::findReferrers(const Json::Value& apps) {
 // applications that name another take part: the rest end any walk anyway.
 std::string OrvCycleCheck::findReferenceCycle(const Json::Value& apps, const Referrers& referrers,
                                               int section) {
-    static const char* const kNames[] = {"param", "action"};
     auto reference = [&](const Json::Value* app) -> const char* {
         auto at = referrers.index.find(app);
         return at == referrers.index.end() ? nullptr : referrers.list[at->second].ref[section];
@@ -91,7 +85,8 @@ std::string OrvCycleCheck::findReferenceCycle(const Json::Value& apps, const Ref
                 while (path[from].first != cur) ++from;
                 std::vector<std::string> names;
                 for (size_t i = from; i < path.size(); ++i) names.push_back(path[i].second);
-                return std::string(kNames[section]) + " reference cycle: " + chain(names, 0, name);
+                return std::string(kSectionNames[section]) +
+                       " reference cycle: " + chain(names, 0, name);
             }
             const char* target = reference(cur);
             if (target == nullptr) break;

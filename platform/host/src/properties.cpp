@@ -95,7 +95,6 @@ struct SerialStore {
     // is rebuilt only when the variable changes.
     std::string readerDir;
     std::string rootEnv;
-    bool rootSet = false;
 
     void clearValues() {
         values.clear();
@@ -196,10 +195,10 @@ void bumpSerial(const std::string& dir) {
 // The store directory for the current ORV_ROOT, rebuilt only when the variable changed.
 const std::string& cachedStoreDir(SerialStore& cache) {
     const char* env = getenv("ORV_ROOT");
-    if (cache.readerDir.empty() || cache.rootSet != (env != nullptr) ||
-        (env != nullptr && cache.rootEnv != env)) {
-        cache.rootSet = env != nullptr;
-        cache.rootEnv = env ? env : "";
+    // An unset ORV_ROOT and an empty one name the same store.
+    if (env == nullptr) env = "";
+    if (cache.readerDir.empty() || cache.rootEnv != env) {
+        cache.rootEnv = env;
         cache.readerDir = storeDir();
     }
     return cache.readerDir;
