@@ -19,7 +19,7 @@ static const char* const INTERMEDIATE_FILE = "/data/___orvtemp";
 static const int MAX_NESTING = 900;
 
 OrvJsonActionDB::OrvJsonActionDB(Json::Value* root, bool encrypted)
-    : OrvActionDB(encrypted), mRoot(root) {
+    : OrvActionDB(encrypted), mRoot(root), mFallback(root) {
     pthread_mutex_init(&mDocLock, nullptr);
     if (OrvLogIsEnabled()) {
         ALOGD("OrvJsonActionDB constructor called (ver:%s, parser:%s)",
@@ -242,6 +242,8 @@ bool OrvJsonActionDB::findApp(const char* appName) {
         ALOGE("no appName");
         return false;
     }
+    // An unlisted application is looked up as "*", so it never grows the document.
+    if (mFallback.entryFor(appName) != appName) return true;
     Json::ValueType type = Json::nullValue;
     std::string unused;
     return lookupScalar({"applications", appName}, type, unused) && type != Json::nullValue;
@@ -254,7 +256,7 @@ bool OrvJsonActionDB::findAppParam(const char* appName, const char* paramName, s
     }
     // Each node is read under the document lock; references are followed in a loop, so a long
     // chain cannot exhaust the stack (loaded documents hold no cycle).
-    std::string app = appName;
+    std::string app = mFallback.entryFor(appName);
     for (;;) {
         if (!findApp(app.c_str())) return false;
         Json::ValueType type = Json::nullValue;

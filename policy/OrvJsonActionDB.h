@@ -8,6 +8,7 @@
 
 #include "policy/OrvActionDB.h"
 #include "policy/OrvActionSetCache.h"
+#include "policy/OrvFallbackProfile.h"
 
 class OrvIoctlCfg;
 
@@ -86,9 +87,12 @@ class OrvJsonActionDB : public OrvActionDB {
     void logNotObject(std::initializer_list<const char*> keys, size_t depth);
     std::string memberText(const char* key, const char* absent);
     Json::Value* defaultResetSet();
-    // getActionSet, answered from mSetCache once the answer is settled. Action thread only.
+    // The set that runs for `app`: its own, else the fallback's. Action thread only.
     Json::Value* findActionSet(const char* app, const char* state, const char* key,
                                Json::Value** reference);
+    // getActionSet, answered from mSetCache once the answer is settled.
+    Json::Value* findOwnActionSet(const char* app, const char* state, const char* key,
+                                  Json::Value** reference);
     // True when getActionSet's answer (`set`, `reference`) can no longer change and logged
     // nothing: on every link the application, its "action" and the state are objects already,
     // and the chain ends at a set or at an application without "reference". Lookups only add
@@ -120,4 +124,5 @@ class OrvJsonActionDB : public OrvActionDB {
     // Lookups grow the document; the listener's queries and the action thread both look up.
     pthread_mutex_t mDocLock;
     OrvActionSetCache mSetCache;
+    OrvFallbackProfile mFallback;
 };

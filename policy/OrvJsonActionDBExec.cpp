@@ -33,6 +33,21 @@ static const int kMaxSettledLinks = 64;
 
 Json::Value* OrvJsonActionDB::findActionSet(const char* app, const char* state, const char* key,
                                             Json::Value** reference) {
+    if (!mFallback.active()) return findOwnActionSet(app, state, key, reference);
+    const std::string entry = mFallback.entryFor(app);
+    if (entry != OrvFallbackProfile::kName) {
+        Json::Value* set = findOwnActionSet(app, state, key, reference);
+        // A listed application that has the state, even empty, keeps to it.
+        if (set != nullptr || mFallback.definesState(entry, state)) return set;
+    }
+    Json::Value* via = nullptr;
+    Json::Value* set = findOwnActionSet(OrvFallbackProfile::kName, state, key, &via);
+    *reference = set == nullptr ? nullptr : via != nullptr ? via : mFallback.referenceName();
+    return set;
+}
+
+Json::Value* OrvJsonActionDB::findOwnActionSet(const char* app, const char* state, const char* key,
+                                               Json::Value** reference) {
     // A walk through a state named "reference" turns an application's null "reference" into an
     // object, which changes what earlier walks found.
     if (strcmp(state, "reference") == 0) {
