@@ -2,10 +2,12 @@
 #include "scenario/OrvContext.h"
 
 #include <stdlib.h>
+#include <string.h>
 
 #include <sstream>
 
 #include "daemon/core/OrvLog.h"
+#include "daemon/core/OrvTimer.h"
 #include "policy/OrvActionManager.h"
 #include "scenario/OrvAppStates.h"
 #include "scenario/OrvState.h"
@@ -155,13 +157,15 @@ void OrvContext::onTimeout() {
 void OrvContext::changeState(OrvState* next) {
     auto* action = new OrvActionManager::OrvStateChangeAction(
         mState->getStateNameStr(), next->getStateNameStr(), mAppName.c_str(), mPid, mGLTid);
+    const bool hadEndTimer = hasEndTimer();
     mState = next;
     if (next->isTimeout()) {
         setTimeout(next);
     } else {
-        mTimeout = 0;
+        mTimeout = endTimeout(next);
     }
     action->send(mActionManager);
+    armEndTimer(hadEndTimer);
 }
 
 void OrvContext::changeState(OrvState* next, const char* name, int pid, int tid) {
@@ -177,6 +181,7 @@ void OrvContext::changeState(OrvState* next, const char* name, int pid, int tid)
     auto* action = new OrvActionManager::OrvAppChangeAction(
         mAppName.c_str(), mPid, mGLTid, mState->getStateNameStr(), name ? name : "", pid, tid,
         next->getStateNameStr());
+    const bool hadEndTimer = hasEndTimer();
     mAppName = name ? name : "";
     mPid = pid;
     mGLTid = tid;
@@ -184,9 +189,43 @@ void OrvContext::changeState(OrvState* next, const char* name, int pid, int tid)
     if (next->isTimeout()) {
         setTimeout(next);
     } else {
-        mTimeout = 0;
+        mTimeout = endTimeout(next);
     }
     action->send(mActionManager);
+    armEndTimer(hadEndTimer);
+}
+
+bool OrvContext::hasEndTimer() {
+    return !mState->isTimeout() && mTimeout > 0;
+}
+
+// States left on an event of the framework; a lost event would keep them for ever, so the
+// policy may give each a time-out ("launch_timeout", ...). 0: none, as without the parameter.
+int OrvContext::endTimeout(OrvState* state) {
+    static const char* const kEventEnded[] = {"launch",          "start",          "scale",
+                                              "listview_scroll", "listview_fling", "rotate"};
+    const char* name = state->getStateNameStr();
+    bool ended = false;
+    for (const char* s : kEventEnded) ended = ended || strcmp(s, name) == 0;
+    if (!ended || mAppName.empty()) return 0;
+    std::string value;
+    if (!mActionManager->findAppParam(mAppName.c_str(), (std::string(name) + "_timeout").c_str(),
+                                      value)) {
+        return 0;
+    }
+    int ms = atoi(value.c_str());
+    return ms >= 1 ? ms : 0;
+}
+
+// After a move into a state that is not a gesture: its own time-out replaces the timer, and one
+// left over from the previous state's time-out is cancelled. Gestures arm their own.
+void OrvContext::armEndTimer(bool hadEndTimer) {
+    if (mState->isTimeout()) return;
+    if (mTimeout > 0) {
+        OrvTimer::getInstance().set(mTimeout);
+    } else if (hadEndTimer) {
+        OrvTimer::getInstance().reset();
+    }
 }
 
 void OrvContext::setTimeout(OrvState* state) {

@@ -51,6 +51,9 @@ class OrvContext {
 
   private:
     void setTimeout(OrvState* state);
+    bool hasEndTimer();
+    int endTimeout(OrvState* state);
+    void armEndTimer(bool hadEndTimer);
     void logAfter();
     // The entry points that only differ in their event's name and the state operation called.
     void onAppEvent(const char* op, bool (OrvState::*handler)(OrvContext*, const char*, int),

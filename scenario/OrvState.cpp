@@ -7,6 +7,7 @@
 #include "daemon/core/OrvTimer.h"
 #include "scenario/OrvAppStates.h"
 #include "scenario/OrvContext.h"
+#include "scenario/OrvRunStates.h"
 
 bool OrvState::isSameApp(OrvContext* ctx, const char* name) {
     return strcmp(name, ctx->mAppName.c_str()) == 0;
@@ -182,7 +183,12 @@ bool OrvState::onGestureLongPress(OrvContext*, const char*, int) {
     return ignore("onGestureLongPress");
 }
 
-bool OrvState::onTimeout(OrvContext*) {
+bool OrvState::onTimeout(OrvContext* ctx) {
+    // A state that the policy gives a time-out ends as its own end event would end it.
+    if (!isTimeout() && ctx->mTimeout > 0) {
+        ctx->changeState(OrvRun::getInstance());
+        return true;
+    }
     return ignore("onTimeout");
 }
 

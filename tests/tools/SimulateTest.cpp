@@ -155,3 +155,65 @@ TEST(Simulate, RecordsWithoutTouchingTheMachine) {
     EXPECT_EQ(access(marker.c_str(), F_OK), -1);
     EXPECT_EQ(access((root / "dev/__properties__/vendor.sim").c_str(), F_OK), -1);
 }
+
+// A state left on a framework event ends by itself after its "<state>_timeout", running what its
+// own end would run; without the parameter it stays.
+TEST(Simulate, EventEndedStatesEndByTheirTimeOut) {
+    TempRoot root;
+    const std::string kProp = R"({"method":"prop","path":"vendor.t","type":"string","value":"x"})";
+    const struct {
+        const char* param;  // empty: none
+        const char* state;
+        const char* enter;  // the trace lines from run (or from nothing, for launch and start)
+        const char* end;    // the state's own end, for the row that ends before the time-out
+    } cases[] = {
+        {"launch_timeout", "launch", "launch com.a\n", "displayed 1 com.a\n"},
+        {"start_timeout", "start", "start 1 com.a\n", "displayed 1 com.a\n"},
+        {"scale_timeout", "scale", "scale start 1\n", "scale end 1\n"},
+        {"listview_scroll_timeout", "listview_scroll", "list scroll 1\n", "list idle 1\n"},
+        {"listview_fling_timeout", "listview_fling", "list fling 1\n", "list idle 1\n"},
+        {"rotate_timeout", "rotate", "rotate start\n", "rotate anim-end\n"},
+        {"", "launch", "launch com.a\n", "displayed 1 com.a\n"},
+        {"", "listview_fling", "list fling 1\n", "list idle 1\n"},
+    };
+    for (const auto& c : cases) {
+        const std::string param = *c.param ? std::string("\"") + c.param + "\":\"300\"" : "";
+        const std::string state = c.state;
+        root.write("policy.json",
+                   R"({"parser":"v1.0","version":"v1","applications":{"com.a":{"param":{)" + param +
+                       R"(},"action":{")" + state + R"(":{"on_exit":[)" + kProp +
+                       R"(]},"run":{"policy":[)" + kProp + "]}}}}}");
+        const bool fromRun = state != "launch" && state != "start";
+        const std::string to = fromRun ? "proc-start 1 com.a\nstart 1 com.a\ndisplayed 1 com.a\n"
+                                       : "proc-start 1 com.a\n";
+        for (bool endFirst : {false, true}) {
+            const std::string what = std::string(*c.param ? c.param : "no parameter") + " " +
+                                     (endFirst ? "ended by its event" : "left alone");
+            root.write("t.trace", to + c.enter + "sleep 299\n" + (endFirst ? c.end : "") +
+                                      "sleep 1\nsleep 5000\n");
+            ToolResult r = runTool(root, "orvpolicy",
+                                   "simulate --json " + shellQuote(root / "policy.json") + " " +
+                                       shellQuote(root / "t.trace"));
+            ASSERT_EQ(r.status, 0) << what << ": " << r.err;
+            std::vector<Json::Value> timeouts;
+            std::string last;
+            for (const auto& s : jsonLines(r.out)) {
+                if (s["event"] == "timeout") timeouts.push_back(s);
+                if (s.isMember("to")) last = s["to"]["state"].asString();
+            }
+            if (*c.param && !endFirst) {
+                ASSERT_EQ(timeouts.size(), 1u) << what << "\n" << r.out;
+                EXPECT_EQ(timeouts[0]["at_ms"].asInt64(), 300) << what;
+                EXPECT_EQ(timeouts[0]["from"]["state"], state) << what;
+                EXPECT_EQ(timeouts[0]["to"]["state"], "run") << what;
+                std::string sets;
+                for (const auto& set : timeouts[0]["sets"]) sets += set.asString() + " ";
+                EXPECT_EQ(sets, "com.a.action." + state + ".on_exit com.a.action.run.policy ")
+                    << what;
+            } else {
+                EXPECT_TRUE(timeouts.empty()) << what << "\n" << r.out;
+                EXPECT_EQ(last, endFirst ? "run" : state) << what;
+            }
+        }
+    }
+}
