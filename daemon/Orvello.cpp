@@ -6,6 +6,7 @@
 
 #include "daemon/core/OrvLog.h"
 #include "daemon/core/OrvTimer.h"
+#include "policy/OrvStopAction.h"
 
 const char* ORV_PROP_ENABLE = "sys.orv.enable";
 
@@ -37,6 +38,16 @@ void Orvello::detachEvents() {
 void Orvello::stopEvents() {
     Orvello* daemon = __atomic_load_n(&mInstance, __ATOMIC_ACQUIRE);
     if (daemon != nullptr) daemon->detachEvents();
+}
+
+bool Orvello::runStopActions(int timeoutMs) {
+    Orvello* daemon = __atomic_load_n(&mInstance, __ATOMIC_ACQUIRE);
+    return daemon != nullptr && OrvStopAction::run(&daemon->mActionManager, timeoutMs);
+}
+
+bool Orvello::hasStopActions() {
+    Orvello* daemon = __atomic_load_n(&mInstance, __ATOMIC_ACQUIRE);
+    return daemon != nullptr && daemon->mActionManager.hasStopAction();
 }
 
 bool Orvello::init() {

@@ -21,6 +21,9 @@ class Orvello {
     // any more. For the stop on SIGINT: exit() destroys function-local statics (the scenario's
     // states among them) before the daemon object.
     static void stopEvents();
+    // Runs the policy's "on_stop" set, waiting at most `timeoutMs`; false when there is none.
+    static bool runStopActions(int timeoutMs);
+    static bool hasStopActions();
 
     static Orvello* mInstance;  // null until init() has succeeded
 

@@ -71,10 +71,39 @@ extern "C" const char* __tsan_default_suppressions() {
 }
 #endif
 
+// The policy's "on_stop" puts back what the states changed, within a bound. The other stop
+// signal waits meanwhile: it would otherwise exit half-way through.
+static void restoreOnStop(int sig) {
+    static const int kStopBoundMs = 1000;
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    if (Orvello::runStopActions(kStopBoundMs)) ALOGI("on_stop ran (signal %d)", sig);
+}
+
+// SIGTERM ("stop orvd") is taken like SIGINT only when the policy says what to put back;
+// otherwise its default action stays. Blocked until then so that no thread takes it early.
+static void takeSigtermIfRestoring(bool ready, void (*handler)(int)) {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    if (ready && Orvello::hasStopActions()) {
+        struct sigaction sa = {};
+        sa.sa_handler = handler;
+        sigaddset(&sa.sa_mask, SIGINT);
+        sigaction(SIGTERM, &sa, nullptr);
+    } else {
+        pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    }
+}
+
 void signal_callback_handler(int sig) {
     ALOGI("caught signal %d", sig);
     // This runs on the signal thread, in normal context: the listener can be joined here.
     Orvello::stopEvents();
+    restoreOnStop(sig);
     exit(sig);
 }
 
@@ -105,7 +134,13 @@ int main(int argc, char** argv) {
     // A client that hangs up before its reply must not take the daemon down.
     installHandler(SIGPIPE, SIG_IGN);
 
+    sigset_t term;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &term, nullptr);
+
     const bool ready = Orvello::init();
+    takeSigtermIfRestoring(ready, signal_callback_handler);
     takeSigintOnOwnThread();
     if (!ready) {
         block_here();

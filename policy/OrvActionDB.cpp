@@ -86,6 +86,8 @@ std::string OrvActionDB::getCurActionInfoStr() {
     if (mCurAction != nullptr) {
         if (strcmp(mCurActionSetKey, "reset") == 0) {
             out = "default.action.reset.policy";
+        } else if (strcmp(mCurActionSetKey, "on_stop") == 0) {
+            out = "on_stop";
         } else {
             bool exiting = strcmp(mCurActionSetKey, "on_exit") == 0;
             out = exiting ? mCurAction->mFromAppName : mCurAction->mToAppName;

@@ -46,6 +46,9 @@ class OrvActionDB {
     virtual std::string getDBMinSupportParserVersionString() = 0;
     // A reference or group loop the document would send the executor into; empty when none.
     virtual std::string findCycle() { return std::string(); }
+    // The top-level "on_stop" set, run as the daemon stops; 0 after running or without one.
+    virtual bool hasStopAction() { return false; }
+    virtual int executeStopAction(OrvAction* /*action*/) { return 0; }
     virtual ~OrvActionDB();
 
     bool isEncrypted() const { return mEncrypted; }

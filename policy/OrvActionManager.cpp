@@ -63,6 +63,17 @@ void OrvActionManager::executeStateChangeAction(OrvAction* action) {
     runAction(action, false);
 }
 
+bool OrvActionManager::hasStopAction() {
+    pthread_mutex_lock(&mDBLock);
+    bool has = mDB != nullptr && mDB->hasStopAction();
+    pthread_mutex_unlock(&mDBLock);
+    return has;
+}
+
+void OrvActionManager::executeStopAction(OrvAction* action) {
+    if (mDB != nullptr) mDB->executeStopAction(action);
+}
+
 void OrvActionManager::checkUpdateDB() {
     pthread_mutex_lock(&mUpdateLock);
     pthread_mutex_lock(&mDBLock);

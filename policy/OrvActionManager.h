@@ -84,6 +84,10 @@ class OrvActionManager {
     void executeStateChangeAction(OrvAction* action);
     void checkUpdateDB();
 
+    // The policy's "on_stop" set (OrvStopAction queues it); action-queue thread for the run.
+    bool hasStopAction();
+    void executeStopAction(OrvAction* action);
+
     bool findApp(const char* appName);
     bool findAppParam(const char* appName, const char* paramName, std::string& out);
     void dumpState(std::string& out);

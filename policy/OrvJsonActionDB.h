@@ -45,6 +45,8 @@ class OrvJsonActionDB : public OrvActionDB {
     float getDBMinSupportParserVersion() override;
     std::string getDBMinSupportParserVersionString() override;
     std::string findCycle() override;
+    bool hasStopAction() override;
+    int executeStopAction(OrvAction* action) override;
     ~OrvJsonActionDB() override;
 
     // Follows "action" → "reference" until a set is found; null when none. `referenceOut` names

@@ -150,6 +150,23 @@ int OrvJsonActionDB::executeDefaultResetAction(OrvAction* action) {
                          "default.action.reset.policy");
 }
 
+bool OrvJsonActionDB::hasStopAction() {
+    Json::ValueType type = Json::nullValue;
+    pthread_mutex_lock(&mDocLock);
+    const Json::Value* set = mRoot != nullptr && mRoot->isObject()
+                                 ? mRoot->find("on_stop", "on_stop" + strlen("on_stop"))
+                                 : nullptr;
+    if (set != nullptr) type = set->type();
+    pthread_mutex_unlock(&mDocLock);
+    return type != Json::nullValue;
+}
+
+int OrvJsonActionDB::executeStopAction(OrvAction* action) {
+    if (!hasStopAction()) return 0;
+    return runTrackedSet(action, "on_stop", lookup({"on_stop"}), nullptr, ACTION_DIR_NONE,
+                         "on_stop");
+}
+
 void OrvJsonActionDB::executePolicyReset() {
     OrvAction action("", "reset", -1, -1, "reset");
     executeDefaultResetAction(&action);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <string.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -338,3 +339,38 @@ TEST_F(DaemonTest, ClientsThatNeverReadDoNotDelayAnotherClientsDump) {
 }
 
 }  // namespace
+
+// "on_stop" puts the node back on SIGINT and on SIGTERM; without it SIGINT exits as always and
+// SIGTERM keeps its default action.
+TEST_F(DaemonTest, OnStopRestoresOnSigintAndSigterm) {
+    const struct {
+        int sig;
+        bool onStop;
+        const char* node;  // after the stop
+    } rows[] = {
+        {SIGINT, true, "stopped"},
+        {SIGINT, false, "run"},
+        {SIGTERM, true, "stopped"},
+        {SIGTERM, false, "run"},
+    };
+    for (const auto& r : rows) {
+        std::string doc = policy(node, "v1.0");
+        if (r.onStop)
+            doc.insert(1, R"("on_stop": [ { "method": "xfs", "path": ")" + node +
+                              R"(", "type": "string", "value": "stopped" } ], )");
+        root.write("data/orvpolicy", doc);
+        root.write("sys/node", "---");
+        ASSERT_TRUE(start()) << log();
+        Client c;
+        ASSERT_TRUE(c.send(frame(3, "42;com.a") + frame(4, "42;com.a")));
+        ASSERT_TRUE(pollUntil([&] { return readFile(node) == "run"; })) << log();
+        int status = -1;
+        kill(pid, r.sig), waitpid(pid, &status, 0), pid = -1;
+        const std::string what = std::string(strsignal(r.sig)) + (r.onStop ? " with" : " without");
+        EXPECT_EQ(r.node, readFile(node)) << what;
+        if (r.sig == SIGTERM && !r.onStop)
+            EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << what;
+        else
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == r.sig) << what << status;
+    }
+}

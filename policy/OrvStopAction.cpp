@@ -1,0 +1,87 @@
+#define LOG_TAG "OrvActionManager"
+#include "policy/OrvStopAction.h"
+
+#include <pthread.h>
+#include <time.h>
+
+#include "daemon/core/OrvLog.h"
+
+// Shared by the waiter and the action; the last of the two to let go frees it, since a waiter
+// that gave up may be gone (the process exiting) before the action runs.
+struct OrvStopWait {
+    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t cond;
+    bool done = false;
+    int users = 2;
+    OrvActionManager* manager = nullptr;
+    OrvStopAction* action = nullptr;
+
+    OrvStopWait() {
+        pthread_condattr_t attr;
+        pthread_condattr_init(&attr);
+        pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+        pthread_cond_init(&cond, &attr);
+        pthread_condattr_destroy(&attr);
+    }
+    void release() {
+        pthread_mutex_lock(&lock);
+        bool last = --users == 0;
+        pthread_mutex_unlock(&lock);
+        if (last) {
+            pthread_cond_destroy(&cond);
+            delete this;
+        }
+    }
+};
+
+OrvStopAction::OrvStopAction(OrvStopWait* wait)
+    : OrvAction("", "reset", -1, -1, "on_stop"), mWait(wait) {}
+
+OrvStopAction::~OrvStopAction() {
+    mWait->release();
+}
+
+void OrvStopAction::execute() {
+    mActionManager->executeStopAction(this);
+    pthread_mutex_lock(&mWait->lock);
+    mWait->done = true;
+    pthread_cond_broadcast(&mWait->cond);
+    pthread_mutex_unlock(&mWait->lock);
+}
+
+// Queuing waits while an action runs (the queue runs works under its lock); a thread of its own
+// keeps that wait inside the bound too.
+static void* sendStop(void* arg) {
+    OrvStopWait* wait = static_cast<OrvStopWait*>(arg);
+    wait->action->send(wait->manager);
+    return nullptr;
+}
+
+bool OrvStopAction::run(OrvActionManager* manager, int timeoutMs) {
+    if (manager == nullptr || !manager->hasStopAction()) return false;
+    OrvStopWait* wait = new OrvStopWait();
+    wait->manager = manager;
+    wait->action = new OrvStopAction(wait);
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, sendStop, wait) != 0) {
+        sendStop(wait);
+    } else {
+        pthread_detach(thread);
+    }
+    struct timespec deadline;
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += timeoutMs / 1000;
+    deadline.tv_nsec += (timeoutMs % 1000) * 1000000L;
+    if (deadline.tv_nsec >= 1000000000L) {
+        deadline.tv_sec += 1;
+        deadline.tv_nsec -= 1000000000L;
+    }
+    pthread_mutex_lock(&wait->lock);
+    int rc = 0;
+    while (!wait->done && rc == 0) rc = pthread_cond_timedwait(&wait->cond, &wait->lock, &deadline);
+    bool done = wait->done;
+    pthread_mutex_unlock(&wait->lock);
+    if (!done) ALOGW("on_stop did not end within %d ms", timeoutMs);
+    wait->release();
+    return done;
+}
