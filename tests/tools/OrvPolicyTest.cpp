@@ -120,6 +120,27 @@ TEST(OrvPolicy, EachKindOfFinding) {
          0, "0 errors, 0 warnings"},
         {"set not an array", withRun("", R"(,"com.b":{"action":{"run":{"policy":{}}}})"), 1,
          "error: com.b.action.run.policy: an action set must be an array"},
+        {"misspelt on_stop", R"({"parser":"v1.0","version":"v1","on_stpo":[]})", 0,
+         "doc.json:1:33: warning: on_stpo: unknown top-level key, never read (did you mean "
+         "on_stop?)"},
+        {"on_stop checked as a set",
+         R"({"parser":"v1.0","version":"v1","on_stop":[{"path":"/f"}]})", 1, "error: on_stop[0]: "},
+        {"misspelt state time-out", withRun("", R"(,"com.b":{"param":{"lanch_timeout":"5"}})"), 0,
+         "warning: com.b.param.lanch_timeout: unknown parameter; orvd never asks for it (did you "
+         "mean launch_timeout?)"},
+        {"state time-out of no time", withRun("", R"(,"*":{"param":{"rotate_timeout":"0"}})"), 0,
+         "warning: *.param.rotate_timeout: \"0\" reads as 0; the state then never ends by time"},
+        {"launch boost without end or time-out",
+         R"({"parser":"v1.0","version":"v1","applications":{"com.a":{"action":{
+             "launch":{"on_enter":[{"method":"xfs","path":"/f","type":"int","value":1}]}}}}})",
+         0, "nor com.a.action.run writes it, and no launch_timeout ends the state"},
+        {"the fallback's run restores a listed launch",
+         R"({"parser":"v1.0","version":"v1","default":{"action":{"reset":{"policy":[
+             {"method":"xfs","path":"/f","type":"int","value":0}]}}},"applications":{
+             "*":{"action":{"run":{"policy":[{"method":"xfs","path":"/f","type":"int","value":0}]}}},
+             "com.a":{"action":{
+             "launch":{"on_enter":[{"method":"xfs","path":"/f","type":"int","value":1}]}}}}})",
+         0, "0 errors, 0 warnings"},
     };
     TempRoot root;
     for (const auto& c : cases) {

@@ -59,6 +59,24 @@ std::string fmt(float v) {
 
 }  // namespace
 
+bool OrvPolicyChecker::isEventEnded(const std::string& state) {
+    return state == "launch" || state == "start" || state == "scale" ||
+           state == "listview_scroll" || state == "listview_fling" || state == "rotate";
+}
+
+bool OrvPolicyChecker::isEndTimeout(const std::string& key) {
+    const size_t n = key.size();
+    return n > 8 && key.compare(n - 8, 8, "_timeout") == 0 && isEventEnded(key.substr(0, n - 8));
+}
+
+std::vector<std::string> OrvPolicyChecker::knownParams() {
+    std::vector<std::string> names = {"event_mask", "thermal_mask", "large_heap",
+                                      "heap_utilization", "hardware_acceleration"};
+    for (const auto& state : kStateNames)
+        if (isGestureState(state) || isEventEnded(state)) names.push_back(state + "_timeout");
+    return names;
+}
+
 float OrvPolicyChecker::parseVersion(const std::string& text) {
     // The engine's own reading: one non-blank character, then a number (nan and hex included).
     float v = 0.0f;
@@ -90,12 +108,13 @@ void OrvPolicyChecker::run() {
     }
     for (const auto& key : mRoot.getMemberNames())
         if (key != "parser" && key != "version" && key != "applications" && key != "default" &&
-            key != "policy_group")
+            key != "policy_group" && key != "on_stop")
             mReport.warning(key, "unknown top-level key, never read" +
                                      suggest(key, {"parser", "version", "applications", "default",
-                                                   "policy_group"}));
+                                                   "policy_group", "on_stop"}));
     checkVersion("parser", true);
     checkVersion("version", false);
+    checkSet("on_stop", mRoot["on_stop"]);
 
     const Json::Value& groups = mRoot["policy_group"];
     if (!groups.isNull() && !groups.isObject())
@@ -277,9 +296,15 @@ void OrvPolicyChecker::checkParams(const std::string& name, const Json::Value& p
                 mReport.warning(loc, std::to_string(ms) +
                                          " ms is quite large; orvd warns "
                                          "each time the state is entered");
+        } else if (isEndTimeout(key)) {
+            int ms = atoi(text.c_str());
+            if (ms < 1)
+                mReport.warning(loc, quoted(text) + " reads as " + std::to_string(ms) +
+                                         "; the state then never ends by time");
         } else if (key != "large_heap" && key != "heap_utilization" &&
                    key != "hardware_acceleration") {
-            mReport.warning(loc, "unknown parameter; orvd never asks for it");
+            mReport.warning(
+                loc, "unknown parameter; orvd never asks for it" + suggest(key, knownParams()));
         }
     }
 }

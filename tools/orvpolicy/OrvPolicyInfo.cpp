@@ -30,6 +30,43 @@ OrvPolicyInfo::OrvPolicyInfo(const Json::Value& root) : mRoot(root) {
     const Json::Value& def = root["default"];
     if (def.isObject() && def["action"].isObject() && def["action"]["reset"].isObject())
         countSet(def["action"]["reset"]["policy"]);
+    countSet(root["on_stop"]);
+}
+
+// The keys that bound what the states do, each line only when the policy uses it.
+std::string OrvPolicyInfo::formatBounds() const {
+    if (!mRoot.isObject()) return "";
+    std::string out;
+    const Json::Value& apps = mRoot["applications"];
+    const Json::Value& star = apps.isObject() ? apps["*"] : Json::Value::nullSingleton();
+    if (star.isObject()) {
+        std::string states;
+        if (star["action"].isObject())
+            for (const auto& st : star["action"].getMemberNames())
+                states += (states.empty() ? "" : ", ") + st;
+        const bool covers = (star["action"].isObject() && star["action"].size() != 0) ||
+                            (star["param"].isObject() && star["param"].size() != 0);
+        out += "  fallback:      \"*\" " +
+               (covers ? "for unlisted applications" +
+                             (states.empty() ? std::string() : " (" + states + ")")
+                       : std::string("defines nothing, so it covers nothing")) +
+               "\n";
+    }
+    std::string timeouts;
+    for (const auto& name : apps.isObject() ? apps.getMemberNames() : std::vector<std::string>()) {
+        const Json::Value& param = apps[name].isObject() ? apps[name]["param"] : Json::nullValue;
+        if (!param.isObject()) continue;
+        for (const auto& key : param.getMemberNames())
+            if (OrvPolicyChecker::isEndTimeout(key) && param[key].isString())
+                timeouts += std::string(timeouts.empty() ? "" : ", ") + key + " " +
+                            param[key].asString() + " (" + name + ")";
+    }
+    if (!timeouts.empty()) out += "  state time-outs: " + timeouts + "\n";
+    const Json::Value& stop = mRoot["on_stop"];
+    if (!stop.isNull())
+        out += "  on_stop:       " + std::to_string(stop.isArray() ? stop.size() : 0) +
+               " methods run as orvd stops\n";
+    return out;
 }
 
 void OrvPolicyInfo::countSet(const Json::Value& set) {
@@ -65,7 +102,7 @@ std::string OrvPolicyInfo::format(const std::string& file, bool isProtected) con
         detail += (detail.empty() ? "" : ", ") + m.first + " " + std::to_string(m.second);
     if (!detail.empty()) out += " (" + detail + ")";
     out += "\n";
-    return out;
+    return out + formatBounds();
 }
 
 std::string OrvPolicyInfo::formatApps() const {

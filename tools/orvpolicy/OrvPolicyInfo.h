@@ -21,6 +21,8 @@ class OrvPolicyInfo {
     std::string formatApps() const;
 
   private:
+    // The fallback entry, state time-outs and "on_stop", when the policy has them.
+    std::string formatBounds() const;
     void countSet(const Json::Value& set);
     const Json::Value& mRoot;
 };

@@ -1,5 +1,7 @@
 #include "tools/orvpolicy/OrvPolicyRestore.h"
 
+#include <stdlib.h>
+
 #include "tools/orvpolicy/OrvPolicyChecker.h"
 
 namespace {
@@ -52,14 +54,41 @@ const Json::Value* OrvPolicyRestore::resolve(const std::string& app, const std::
                                              const char* key) const {
     const Json::Value& apps = mRoot["applications"];
     std::string at = app;
+    bool defined = false;  // a state defined, even empty, keeps the fallback away
     for (int hop = 0; hop < 16 && apps.isObject() && apps[at].isObject(); ++hop) {
         const Json::Value& action = apps[at]["action"];
-        if (!action.isObject()) return nullptr;
+        if (!action.isObject()) break;
+        defined = defined || !action[state].isNull();
         if (action[state].isObject() && action[state].isMember(key)) return &action[state][key];
-        if (!action["reference"].isString()) return nullptr;
+        if (!action["reference"].isString()) break;
         at = action["reference"].asString();
     }
-    return nullptr;
+    if (defined || app == "*" || !fallbackActive()) return nullptr;
+    return resolve("*", state, key);
+}
+
+bool OrvPolicyRestore::fallbackActive() const {
+    const Json::Value& apps = mRoot["applications"];
+    if (!apps.isObject() || !apps["*"].isObject()) return false;
+    const Json::Value& star = apps["*"];
+    return (star["action"].isObject() && star["action"].size() != 0) ||
+           (star["param"].isObject() && star["param"].size() != 0);
+}
+
+// Whether `app` (or what its "param" refers to, or the fallback) gives `state` a time-out.
+bool OrvPolicyRestore::hasTimeout(const std::string& app, const std::string& state) const {
+    const Json::Value& apps = mRoot["applications"];
+    const std::string key = state + "_timeout";
+    std::string at = app;
+    for (int hop = 0; hop < 16 && apps.isObject() && apps[at].isObject(); ++hop) {
+        const Json::Value& param = apps[at]["param"];
+        if (!param.isObject()) break;
+        if (param[key].isConvertibleTo(Json::stringValue) && !param[key].isNull())
+            return atoi(param[key].asString().c_str()) >= 1;
+        if (!param["reference"].isString()) break;
+        at = param["reference"].asString();
+    }
+    return false;
 }
 
 void OrvPolicyRestore::run() {
@@ -92,9 +121,15 @@ void OrvPolicyRestore::run() {
                 if (!action[state].isMember(key)) continue;
                 for (const auto& t : targets(&action[state][key])) {
                     if (isRestored(t, restoring)) continue;
+                    // An end that restores nothing is still an end; without one, the boost
+                    // lasts until the application changes.
+                    const std::string untimed =
+                        OrvPolicyChecker::isEventEnded(state) && !hasTimeout(app, state)
+                            ? ", and no " + state + "_timeout ends the state"
+                            : "";
                     mReport.warning(app + ".action." + state + "." + key,
                                     "writes " + t + " and nothing sets it back: neither " + where +
-                                        " nor " + other + " writes it");
+                                        " nor " + other + " writes it" + untimed);
                 }
             }
         }

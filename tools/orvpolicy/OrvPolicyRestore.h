@@ -20,8 +20,11 @@ class OrvPolicyRestore {
                  std::set<std::string>& seenGroups) const;
     std::set<std::string> targets(const Json::Value* set) const;
     // The set orvd runs for `app` in `state` under `key`, through "reference" as it does.
+    // An application without the state anywhere on its chain takes it from "*".
     const Json::Value* resolve(const std::string& app, const std::string& state,
                                const char* key) const;
+    bool fallbackActive() const;
+    bool hasTimeout(const std::string& app, const std::string& state) const;
 
     const Json::Value& mRoot;
     OrvPolicyReport& mReport;
