@@ -69,12 +69,19 @@ TEST(Simulate, WritesWhatTheDaemonWritesOnTheExampleSession) {
     ToolResult sim = runTool(
         root, "orvpolicy", "simulate --json " + shellQuote(root / "data/orvpolicy") + " " + trace);
     ASSERT_EQ(sim.status, 0) << sim.err;
-    Writes expected = simulatedWrites(jsonLines(sim.out));
+    const std::vector<Json::Value> steps = jsonLines(sim.out);
+    Writes expected = simulatedWrites(steps);
     ASSERT_GT(expected.size(), 40u) << sim.out;
+    ASSERT_EQ(steps[steps.size() - 2]["event"], "stop") << sim.out;
+    const size_t beforeStop = expected.size() - simulatedWrites({steps[steps.size() - 2]}).size();
 
     ToolResult replay = runTool(root, "orvctl", "replay " + trace);
     ASSERT_EQ(replay.status, 0) << replay.err;
-    // The last actions may still run after the replay returns.
+    // The simulation ends with orvd's stop, whose "on_stop" runs after everything else. The
+    // last actions may still run after the replay returns, and the stop waits for them only so
+    // long.
+    eventually([&] { return daemonWrites(orvd.log()).size() >= beforeStop; });
+    kill(orvd.pid(), SIGINT);
     eventually([&] { return daemonWrites(orvd.log()).size() >= expected.size(); });
     EXPECT_EQ(daemonWrites(orvd.log()), expected);
 }

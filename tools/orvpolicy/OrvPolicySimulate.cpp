@@ -30,6 +30,8 @@ std::string OrvPolicySimulate::formatText(const OrvSimulator::Step& s, int numbe
     std::string out = "[" + std::to_string(number) + "] ";
     if (s.event == "timeout")
         out += "at " + std::to_string(s.atMs) + " ms the time-out fires";
+    else if (s.event == "stop")
+        out += "orvd stops (SIGINT or SIGTERM)";
     else
         out += s.event;
     if (s.fromApp != s.toApp || s.fromState != s.toState)
@@ -158,6 +160,8 @@ int OrvPolicySimulate::run(const std::vector<std::string>& args) {
     print(first);
     for (const auto& step : trace)
         for (const auto& s : sim.run(step.command, step.text)) print(s);
+    OrvSimulator::Step stop;
+    if (sim.stop(stop)) print(stop);
     fputs(formatTable(sim.device(), json).c_str(), stdout);
     return 0;
 }

@@ -16,6 +16,7 @@
 
 #include "daemon/core/OrvLog.h"
 #include "daemon/core/OrvTimer.h"
+#include "policy/OrvStopAction.h"
 #include "scenario/OrvState.h"
 
 // Queued behind everything the engine was given; runs when all of it has run.
@@ -204,6 +205,27 @@ OrvSimulator::Step OrvSimulator::deliver(int code, const std::string& payload,
     return s;
 }
 
+bool OrvSimulator::stop(Step& step) {
+    if (!mStarted || !mManager.hasStopAction()) return false;
+    step = Step();
+    step.event = "stop";
+    step.atMs = mNowMs;
+    step.fromApp = step.toApp = mContext.mAppName;
+    step.fromState = step.toState = mContext.mState->getStateNameStr();
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mCurrent = &step;
+    }
+    // The simulation has no bound to keep: wait for the set however long it takes.
+    OrvStopAction::run(&mManager, 60 * 60 * 1000);
+    drain();
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mCurrent = nullptr;
+    }
+    return true;
+}
+
 void OrvSimulator::drain() {
     unsigned want;
     {
@@ -236,7 +258,7 @@ void OrvSimulator::record(const OrvVirtualDevice::Effect& e) {
     // An ioctl's request says little; the method's own line has its fields and value.
     std::string after =
         e.kind == OrvVirtualDevice::Effect::IOCTL ? e.after + " " + mLastExe : e.after;
-    mCurrent->effects.push_back({kKinds[e.kind], e.target, e.before, after});
+    mCurrent->effects.push_back({kKinds[e.kind], e.target, e.before, after, mLastMethod});
 }
 
 void OrvSimulator::logHook(int prio, const char* tag, const char* text, void* cookie) {
@@ -257,6 +279,7 @@ void OrvSimulator::onLog(int prio, const char* tag, const char* text) {
         std::string set = t.substr(start, end - start);
         size_t brace = t.find(":{", start);
         mLastExe = brace == std::string::npos ? "" : t.substr(brace + 1);
+        mLastMethod = t.substr(start, brace == std::string::npos ? end - start : brace - start);
         if (mCurrent->sets.empty() || mCurrent->sets.back() != set) {
             mCurrent->sets.push_back(set);
             mCurrent->effects.push_back({Effect::SET, "", "", set});

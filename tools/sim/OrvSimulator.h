@@ -24,6 +24,9 @@ class OrvSimulator {
         std::string target;  // path, property, program; empty for log lines
         std::string before;
         std::string after;  // value, request, arguments, the log text or the set's location
+        // For a device effect, the method that caused it as the engine names it:
+        // "com.a.action.launch.on_enter(reference *)[0]boost[1]xfs".
+        std::string method = std::string();
     };
     struct Step {
         std::string event;   // the trace line, "start" or "timeout"
@@ -44,6 +47,10 @@ class OrvSimulator {
     bool start(const std::string& policyPath, Step& first, std::string& error);
     // Runs one trace command; a pause returns the time-outs it let fire, one step each.
     std::vector<Step> run(const OrvCtlCommand& command, const std::string& text);
+
+    // orvd stopping (SIGINT, or SIGTERM): the policy's "on_stop" set. False, and `step`
+    // untouched, when the policy has none.
+    bool stop(Step& step);
 
     const OrvVirtualDevice& device() const { return mDevice; }
     const OrvContext& context() const { return mContext; }
@@ -70,7 +77,8 @@ class OrvSimulator {
     std::condition_variable mDrained;
     unsigned mBarriersDone = 0;
     Step* mCurrent = nullptr;
-    std::string mLastExe;  // the fields of the method that ran last
+    std::string mLastExe;     // the fields of the method that ran last
+    std::string mLastMethod;  // and where it is
     bool mStarted = false;
 
     long long mNowMs = 0;
