@@ -11,6 +11,7 @@
 #include "tools/orvctl/OrvCtlTrace.h"
 #include "tools/orvctl/OrvCtlUpdate.h"
 #include "tools/orvctl/OrvCtlVerify.h"
+#include "tools/orvctl/OrvCtlWhy.h"
 
 namespace {
 
@@ -85,6 +86,7 @@ int OrvCtlApp::run(int argc, char** argv) {
     const std::vector<std::string> rest(argv + i + 1, argv + argc);
     if (name == "update") return OrvCtlUpdate(*this).run(rest);
     if (name == "verify") return OrvCtlVerify(*this).run(rest);
+    if (name == "why") return OrvCtlWhy(*this).run(rest);
     if (name == "monitor") return OrvCtlMonitor(*this).run(rest);
     std::vector<std::string> words(argv + i, argv + argc);
     OrvCtlCommand cmd;

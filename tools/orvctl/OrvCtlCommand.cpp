@@ -233,6 +233,8 @@ const char* OrvCtlCommand::usage() {
            "                                        failure (host: --log FILE, orvd's stderr)\n"
            "  verify [POLICY]                       compare the device with what the policy wants\n"
            "                                        now (exit 1 when anything differs)\n"
+           "  why [--json] TARGET [POLICY]          a node's or property's value, the method\n"
+           "                                        that wrote it, what changes it next\n"
            "Other:\n"
            "  replay FILE                           run a trace: one command a line, '#' "
            "comments,\n"

@@ -11,10 +11,8 @@
 #include "tools/orvctl/OrvCtlApp.h"
 #include "tools/sim/OrvSimulator.h"
 
-namespace {
-
 // "   Name      : value" of the dump's context section.
-std::string dumpField(const std::string& dump, const std::string& name) {
+std::string OrvCtlVerify::dumpField(const std::string& dump, const std::string& name) {
     size_t at = dump.find("   " + name);
     if (at == std::string::npos) return "";
     at = dump.find(": ", at);
@@ -23,7 +21,7 @@ std::string dumpField(const std::string& dump, const std::string& name) {
     return dump.substr(at, dump.find('\n', at) - at);
 }
 
-std::string liveNode(const std::string& path) {
+std::string OrvCtlVerify::liveNode(const std::string& path) {
     std::string value;
     FILE* f = fopen(path.c_str(), "r");
     if (!f) return "(cannot read)";
@@ -35,13 +33,11 @@ std::string liveNode(const std::string& path) {
     return value;
 }
 
-std::string liveProperty(const std::string& name) {
+std::string OrvCtlVerify::liveProperty(const std::string& name) {
     char value[PROPERTY_VALUE_MAX + 1] = {};
     property_get(name.c_str(), value, "");
     return value;
 }
-
-}  // namespace
 
 std::vector<std::vector<std::string>> OrvCtlVerify::pathTo(const std::string& app,
                                                            const std::string& state, int pid,
@@ -71,37 +67,46 @@ std::vector<std::vector<std::string>> OrvCtlVerify::pathTo(const std::string& ap
     return steps;
 }
 
+std::string OrvCtlVerify::policyInForce() {
+    // Where orvd itself looks, in its order.
+    std::string policy = OrvDevicePath("/data/orvpolicy");
+    if (access(policy.c_str(), R_OK) != 0) policy = OrvDevicePath("/system/etc/orvpolicy");
+    return policy;
+}
+
+bool OrvCtlVerify::reach(OrvSimulator& sim, const std::string& policy, const std::string& dump,
+                         std::vector<OrvSimulator::Step>& steps, std::string& error) {
+    steps.assign(1, OrvSimulator::Step());
+    if (!sim.start(policy, steps[0], error)) return false;
+    const int pid = atoi(dumpField(dump, "PID").c_str());
+    const int glTid = atoi(dumpField(dump, "GLTID").c_str());
+    for (const auto& words : pathTo(dumpField(dump, "App"), dumpField(dump, "State"), pid, glTid)) {
+        OrvCtlCommand cmd;
+        if (!OrvCtlCommand::parse(words, true, cmd, error)) continue;
+        for (auto& step : sim.run(cmd, words[0])) steps.push_back(step);
+    }
+    error.clear();
+    return true;
+}
+
 int OrvCtlVerify::run(const std::vector<std::string>& args) {
     if (args.size() > 1) {
         fprintf(stderr, "orvctl: usage: verify [POLICY]\n");
         return OrvCtlApp::EXIT_USAGE;
     }
-    std::string policy;
-    if (!args.empty()) {
-        policy = args[0];
-    } else {
-        // Where orvd itself looks, in its order.
-        policy = OrvDevicePath("/data/orvpolicy");
-        if (access(policy.c_str(), R_OK) != 0) policy = OrvDevicePath("/system/etc/orvpolicy");
-    }
+    const std::string policy = args.empty() ? policyInForce() : args[0];
     std::string dump;
     int status = mApp.query(900, "", dump);
     if (status != OrvCtlApp::EXIT_OK) return status;
     const std::string app = dumpField(dump, "App"), state = dumpField(dump, "State");
-    const int pid = atoi(dumpField(dump, "PID").c_str());
-    const int glTid = atoi(dumpField(dump, "GLTID").c_str());
 
     // Nodes this device lacks fail in the simulation as they did in orvd: not compared.
     OrvSimulator sim(true);
-    OrvSimulator::Step first;
+    std::vector<OrvSimulator::Step> steps;
     std::string error;
-    if (!sim.start(policy, first, error)) {
+    if (!reach(sim, policy, dump, steps, error)) {
         fprintf(stderr, "orvctl: verify: %s: %s\n", policy.c_str(), error.c_str());
         return OrvCtlApp::EXIT_REFUSED;
-    }
-    for (const auto& words : pathTo(app, state, pid, glTid)) {
-        OrvCtlCommand cmd;
-        if (OrvCtlCommand::parse(words, true, cmd, error)) sim.run(cmd, words[0]);
     }
     const std::string where = app.empty() ? "reset" : app + " in " + state;
     if (sim.context().mAppName != app || state != sim.context().mState->getStateNameStr())
