@@ -224,3 +224,45 @@ TEST(Simulate, EventEndedStatesEndByTheirTimeOut) {
         }
     }
 }
+
+// A "*" entry that defines nothing changes nothing: every example and seed policy gives the same
+// simulation with it as without any (an example's own "*" is taken out for the comparison).
+TEST(Simulate, AnEmptyFallbackLeavesEveryTraceAsItWas) {
+    TempRoot root;
+    const std::string trace = readFile(source("examples/session.trace")) +
+                              "proc-start 77 com.not.listed\nlaunch com.not.listed\n"
+                              "start 77 com.not.listed\ndisplayed 77 com.not.listed\n"
+                              "list scroll 77\ngesture tap 77\nsleep 500\n"
+                              "transit 77 com.not.listed 2301 com.android.chrome\n"
+                              "transit 2301 com.android.chrome 77 com.not.listed\nsleep 5000\n";
+    root.write("t.trace", trace);
+    const std::string policies[] = {"examples/tablet-policy.json",
+                                    "examples/linux-cgroup-policy.json", "fuzz/seeds-policy/groups",
+                                    "fuzz/seeds-policy/tablet"};
+    Json::StreamWriterBuilder writer;
+    for (const auto& rel : policies) {
+        Json::Value doc;
+        ASSERT_TRUE(Json::Reader().parse(readFile(source(rel)), doc)) << rel;
+        if (doc["applications"].isObject()) doc["applications"].removeMember("*");
+        std::string outputs[3];
+        const Json::Value fallbacks[] = {Json::Value(), Json::Value(Json::objectValue),
+                                         Json::Value(Json::objectValue)};
+        for (int i = 0; i < 3; ++i) {
+            Json::Value variant = doc;
+            if (i > 0) variant["applications"]["*"] = fallbacks[i];
+            if (i == 2) {
+                variant["applications"]["*"]["action"] = Json::Value(Json::objectValue);
+                variant["applications"]["*"]["param"] = Json::Value(Json::objectValue);
+            }
+            root.write("p.json", Json::writeString(writer, variant));
+            ToolResult r = runTool(root, "orvpolicy",
+                                   "simulate --json " + shellQuote(root / "p.json") + " " +
+                                       shellQuote(root / "t.trace"));
+            ASSERT_EQ(r.status, 0) << rel << " " << i << ": " << r.err;
+            outputs[i] = r.out;
+        }
+        EXPECT_GT(jsonLines(outputs[0]).size(), 30u) << rel;  // every step ran
+        EXPECT_EQ(outputs[1], outputs[0]) << rel << ": \"*\": {}";
+        EXPECT_EQ(outputs[2], outputs[0]) << rel << ": \"*\" with empty action and param";
+    }
+}
