@@ -27,7 +27,16 @@ TEST(Demo, ReplaysTheSessionAndCleansUp) {
         "[10] at 150 ms the time-out fires    gesture_tap com.android.chrome -> run",
         "replay: event-mask com.android.chrome => 7",
         " state   run com.example.racinggame -> gesture_long_press com.example.racinggame",
+        // An unlisted app's launch boost from "*", ended by its time-out.
+        "[29] launch com.unknown.app    run com.android.chrome -> launch com.unknown.app",
+        "[30] at 3100 ms the time-out fires    launch com.unknown.app -> run com.unknown.app\n"
+        "     runs com.unknown.app.action.run.policy(reference *)\n",
+        "orvd stops (SIGINT or SIGTERM)",
         "== Final dump",
+        "== Why is a node at its value?",
+        "the policy's on_stop puts back:\n"
+        "   /sys/devices/system/cpu/cpu0/cpufreq/scaling_governor = schedutil\n"
+        "   /sys/devices/system/cpu/cpu0/cpufreq/scaling_min_freq = 800000\n",
         "orvd stopped normally (SIGINT, exit status 2); demo done",
     };
     for (const char* line : lines) EXPECT_NE(text.find(line), std::string::npos) << line;
