@@ -153,8 +153,9 @@ int OrvJsonActionDB::executeDefaultResetAction(OrvAction* action) {
 bool OrvJsonActionDB::hasStopAction() {
     Json::ValueType type = Json::nullValue;
     pthread_mutex_lock(&mDocLock);
+    static const char kKey[] = "on_stop";
     const Json::Value* set = mRoot != nullptr && mRoot->isObject()
-                                 ? mRoot->find("on_stop", "on_stop" + strlen("on_stop"))
+                                 ? mRoot->find(kKey, kKey + sizeof(kKey) - 1)
                                  : nullptr;
     if (set != nullptr) type = set->type();
     pthread_mutex_unlock(&mDocLock);
