@@ -243,7 +243,7 @@ bool OrvJsonActionDB::findApp(const char* appName) {
         return false;
     }
     // An unlisted application is looked up as "*", so it never grows the document.
-    if (mFallback.entryFor(appName) != appName) return true;
+    if (mFallback.active() && mFallback.entryFor(appName) != appName) return true;
     Json::ValueType type = Json::nullValue;
     std::string unused;
     return lookupScalar({"applications", appName}, type, unused) && type != Json::nullValue;
