@@ -254,9 +254,24 @@ bool OrvJsonActionDB::findAppParam(const char* appName, const char* paramName, s
         ALOGE("no appName or paramName");
         return false;
     }
+    const std::string entry = mFallback.entryFor(appName);
+    if (findOwnParam(entry, paramName, out)) return true;
+    // A state taken from the fallback brings its time-out along.
+    if (!mFallback.active() || entry == OrvFallbackProfile::kName) return false;
+    const std::string key = paramName;
+    const size_t suffix = key.size() > 8 ? key.size() - 8 : 0;
+    if (suffix == 0 || key.compare(suffix, 8, "_timeout") != 0 ||
+        mFallback.definesState(entry, key.substr(0, suffix).c_str())) {
+        return false;
+    }
+    return findOwnParam(OrvFallbackProfile::kName, paramName, out);
+}
+
+bool OrvJsonActionDB::findOwnParam(const std::string& appName, const char* paramName,
+                                   std::string& out) {
     // Each node is read under the document lock; references are followed in a loop, so a long
     // chain cannot exhaust the stack (loaded documents hold no cycle).
-    std::string app = mFallback.entryFor(appName);
+    std::string app = appName;
     for (;;) {
         if (!findApp(app.c_str())) return false;
         Json::ValueType type = Json::nullValue;

@@ -89,6 +89,8 @@ class OrvJsonActionDB : public OrvActionDB {
     void logNotObject(std::initializer_list<const char*> keys, size_t depth);
     std::string memberText(const char* key, const char* absent);
     Json::Value* defaultResetSet();
+    // findAppParam along `appName`'s own "param" chain.
+    bool findOwnParam(const std::string& appName, const char* paramName, std::string& out);
     // The set that runs for `app`: its own, else the fallback's. Action thread only.
     Json::Value* findActionSet(const char* app, const char* state, const char* key,
                                Json::Value** reference);

@@ -19,7 +19,8 @@ std::string fallbackDocument(const std::string& fifo, const std::string& star) {
                  fifo);
 }
 
-const char* const kStar = R"({"param":{"event_mask":"0101"},
+const char* const kStar =
+    R"({"param":{"event_mask":"0101","launch_timeout":"900","scale_timeout":"800"},
     "action":{"reference":"G","launch":{"on_enter":[<*.launch|>]},"run":{"policy":[<*.run|>]},
               "scale":{"policy":[<*.scale|>]}}})";
 
@@ -71,6 +72,11 @@ TEST_F(FallbackTest, UnlistedAndUndefinedStatesRunTheFallback) {
         {"L", "event_mask", false, ""},  // a listed app keeps to its own
         {"L", "large_heap", true, "true"},
         {"U", "large_heap", false, ""},
+        // The time-out of a state comes with the state: L takes scale from the fallback...
+        {"L", "scale_timeout", true, "800"},
+        // ...but has launch of its own.
+        {"L", "launch_timeout", false, ""},
+        {"U", "launch_timeout", true, "900"},
     };
     for (const auto& p : params) {
         out.clear();
