@@ -34,6 +34,7 @@ check-tsan: deps
 # The device modules compiled as an AOSP tree would, and the SELinux policy checked; no tree needed.
 check-device:
 	@scripts/install-deps --device
+	@if [ -n "$$AOSP_SEPOLICY" ]; then scripts/install-deps --sepolicy; fi
 	scripts/check-device
 
 demo: build

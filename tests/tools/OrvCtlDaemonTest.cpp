@@ -62,7 +62,7 @@ TEST(OrvdRunning, QueriesEventsAndTheExampleTrace) {
     dump = runTool(root, "orvctl", "dump");
     EXPECT_NE(dump.out.find("   State     : reset\n"), std::string::npos) << dump.out;
     EXPECT_TRUE(eventually(
-        [&] { return readFile(root / "dev/__properties__/vendor.orv.profile") == "balanced"; }));
+        [&] { return readFile(root / "dev/__properties__/sys.orv.tune.profile") == "balanced"; }));
 }
 
 // "why" during an unlisted app's launch: the method that wrote each target, placed in the

@@ -30,12 +30,12 @@ TEST(OrvCtlVerify, FindsWhatChangedBehindOrvdsBack) {
     EXPECT_EQ(r.out, "8 values as the policy wants them for com.android.chrome in run\n");
 
     root.write(kGpu, "7");
-    ASSERT_EQ(runTool(root, "orvctl", "setprop vendor.orv.profile game").status, 0);
+    ASSERT_EQ(runTool(root, "orvctl", "setprop sys.orv.tune.profile game").status, 0);
     r = runTool(root, "orvctl", "verify");
     EXPECT_EQ(r.status, 1) << r.err;
     EXPECT_EQ(r.out, root / kGpu +
                          ": the policy wants \"300\", the device has \"7\"\n"
-                         "prop vendor.orv.profile: the policy wants \"browse\", the device has "
+                         "prop sys.orv.tune.profile: the policy wants \"browse\", the device has "
                          "\"game\"\n"
                          "2 of 8 values differ from the policy for com.android.chrome in run\n");
 }
@@ -58,7 +58,7 @@ TEST(OrvCtlMonitor, ShowsEventsMovesEffectsAndFailures) {
              " switch  reset -> start com.android.chrome\n",
              " state   start com.android.chrome -> run com.android.chrome\n",
              "   run   com.android.chrome.action.run.policy[0]browse_profile[4]prop:{path:"
-             "vendor.orv.profile value:browse}\n",
+             "sys.orv.tune.profile value:browse}\n",
              " FAILED  cannot open \"" + root / "dev/cpuctl/top-app/cgroup.procs",
              " event   onTimeout()\n",
              " state   gesture_tap com.android.chrome -> run com.android.chrome\n",

@@ -141,12 +141,12 @@ TEST(OrvCtl, ExitStatusOfFailures) {
 
 TEST(OrvCtl, PropertiesReadAndWriteTheStore) {
     TempRoot root;
-    EXPECT_EQ(runTool(root, "orvctl", "setprop vendor.orv.x hello").status, 0);
-    EXPECT_EQ(readFile(root / "dev/__properties__/vendor.orv.x"), "hello");
-    ToolResult get = runTool(root, "orvctl", "getprop vendor.orv.x");
+    EXPECT_EQ(runTool(root, "orvctl", "setprop sys.orv.tune.x hello").status, 0);
+    EXPECT_EQ(readFile(root / "dev/__properties__/sys.orv.tune.x"), "hello");
+    ToolResult get = runTool(root, "orvctl", "getprop sys.orv.tune.x");
     EXPECT_EQ(get.status, 0);
     EXPECT_EQ(get.out, "hello\n");
-    EXPECT_EQ(runTool(root, "orvctl", "getprop vendor.orv.unset").out, "\n");
+    EXPECT_EQ(runTool(root, "orvctl", "getprop sys.orv.tune.unset").out, "\n");
     EXPECT_EQ(runTool(root, "orvctl", "setprop a..b 1").status, 4);
 }
 

@@ -76,7 +76,7 @@ TEST(TraceMarkers, SlicesAndCountersOfAShortSession) {
              "C|" + p + "|" + root / "sys/devices/system/cpu/cpu0/cpufreq/scaling_min_freq" +
                  "|1200000",
              "C|" + p + "|" + root / "dev/cpuctl/top-app/cgroup.procs" + "|7",
-             "B|" + p + "|vendor.orv.profile=browse",
+             "B|" + p + "|sys.orv.tune.profile=browse",
          })
         EXPECT_TRUE(has(m)) << m;
     int depth = 0;
