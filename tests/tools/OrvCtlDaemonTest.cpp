@@ -103,7 +103,7 @@ TEST(OrvdRunning, WhyNamesTheWriterAndWhatComesNext) {
          "com.unknown.app.action.launch.on_enter(reference *)[0]"
          "launch_boost[1]xfs",
          "\"launch_boost\"", "800000"},
-        {"vendor.orv.profile", "launch",
+        {"sys.orv.tune.profile", "launch",
          "com.unknown.app.action.launch.on_enter(reference *)[0]"
          "launch_boost[3]prop",
          "\"launch_boost\"", "balanced"},
