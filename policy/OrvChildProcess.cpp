@@ -14,8 +14,6 @@
 #include <algorithm>
 #include <string>
 
-#include "crypto/OrvPolicyFile.h"
-
 extern char** environ;
 
 namespace {
@@ -102,26 +100,4 @@ int OrvChildProcess::runShell(const char* command, int timeoutMs, bool& timedOut
         if (errno != EINTR) return -1;
     }
     return status;
-}
-
-bool OrvChildProcess::move(const char* from, const char* to) {
-    if (rename(from, to) == 0) return true;
-    if (errno != EXDEV) return false;
-    // Across file systems: the copy replaces the target in one rename, so readers never see a
-    // half-written policy.
-    std::string content;
-    const char* reason = nullptr;
-    if (!OrvPolicyFile::read(from, OrvPolicyFile::kMaxPlainSize, content, reason)) {
-        errno = EINVAL;
-        return false;
-    }
-    std::string staging = std::string(to) + ".moving";
-    if (!OrvPolicyFile::write(staging.c_str(), content.data(), content.size()) ||
-        rename(staging.c_str(), to) != 0) {
-        int err = errno;
-        unlink(staging.c_str());
-        errno = err;
-        return false;
-    }
-    return unlink(from) == 0;
 }

@@ -10,8 +10,4 @@ class OrvChildProcess {
     // its process group are killed, reaped, and `timedOut` is set. Returns the raw wait status,
     // as system() would, or -1 when no child could be started.
     static int runShell(const char* command, int timeoutMs, bool& timedOut);
-
-    // Moves `from` onto `to` like mv(1): a rename, or a copy and removal across file systems.
-    // No shell and no child process are involved. False on failure, with errno set.
-    static bool move(const char* from, const char* to);
 };
