@@ -44,7 +44,8 @@ class OrvActionDB {
     virtual std::string getDBVersionString() = 0;
     virtual float getDBMinSupportParserVersion() = 0;
     virtual std::string getDBMinSupportParserVersionString() = 0;
-    // A reference or group loop the document would send the executor into; empty when none.
+    // A reference or group loop the document would send the executor into, or groups nesting or
+    // expanding beyond the executor's bounds; empty when none.
     virtual std::string findCycle() { return std::string(); }
     virtual ~OrvActionDB();
 

@@ -149,7 +149,8 @@ OrvActionDB* OrvActionManager::loadDBFromText(const char* path, const std::strin
         delete db;
         return nullptr;
     }
-    // A loop would overflow the action thread's stack or spin it for good on first use.
+    // A loop or a chain of groups too deep would overflow the action thread's stack, a loop or
+    // an exponential expansion spin it for good (or for hours) on first use.
     std::string cycle = db->findCycle();
     if (!cycle.empty()) {
         ALOGE("%s in %s", cycle.c_str(), path);

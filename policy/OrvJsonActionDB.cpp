@@ -11,6 +11,7 @@
 #include "daemon/core/OrvHeapReserve.h"
 #include "daemon/core/OrvLog.h"
 #include "policy/OrvCycleCheck.h"
+#include "policy/OrvGroupBounds.h"
 #include "policy/OrvJsonParser.h"
 
 static const char* const PARSER_VERSION = "v1.0";
@@ -260,6 +261,10 @@ std::string OrvJsonActionDB::findCycle() {
     if (mRoot == nullptr) return std::string();
     pthread_mutex_lock(&mDocLock);
     std::string cycle = OrvCycleCheck::find(*mRoot);
+    if (cycle.empty()) {
+        std::vector<OrvGroupBounds::Finding> over = OrvGroupBounds::check(*mRoot);
+        if (!over.empty()) cycle = over.front().message;
+    }
     pthread_mutex_unlock(&mDocLock);
     return cycle;
 }
