@@ -153,4 +153,24 @@ TEST_F(BlockingMethodTest, ProgramsPastTheirLimitAreKilledWithWhatTheyStarted) {
     }
 }
 
+// The ioctl methods keep their node open for orvd's life; a program must not inherit it.
+TEST_F(BlockingMethodTest, ProgramsInheritNoDescriptorOfOrvd) {
+    const std::string marker = makeFifo();
+    const std::string node = mRoot.write("node", "");
+    const std::string listing = mRoot / "fds";
+    const std::string methods =
+        R"({"method":"orv_ioctl","path":")" + node + R"(","cmd":1,"value":"1"},)" +
+        R"({"method":"program","path":"ls -l /proc/$$/fd >","type":"string","value":")" + listing +
+        R"("})";
+    OrvActionManager* manager = start(protect(policy(methods, marker), 5));
+    (new AppSwitch("B", 1, 2, "run", "A", 3, 4, "run"))->send(manager);
+    sync(manager);
+    EXPECT_EQ("next", drainFifo());
+    EXPECT_TRUE(mLog.has("orv_ioctl{path:" + node + " cmd:1 value:1} (ret=-1, errno=25) @" + kAt +
+                         "orv_ioctl"));
+    const std::string fds = orvtest::readFile(listing);
+    EXPECT_NE(std::string::npos, fds.find(" 0 -> ")) << fds;  // the listing is real
+    EXPECT_EQ(std::string::npos, fds.find(node)) << fds;
+}
+
 }  // namespace
