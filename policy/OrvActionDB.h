@@ -44,7 +44,8 @@ class OrvActionDB {
     virtual std::string getDBVersionString() = 0;
     virtual float getDBMinSupportParserVersion() = 0;
     virtual std::string getDBMinSupportParserVersionString() = 0;
-    // A reference or group loop the document would send the executor into; empty when none.
+    // A reference or group loop the document would send the executor into, or groups nesting or
+    // expanding beyond the executor's bounds; empty when none.
     virtual std::string findCycle() { return std::string(); }
     // The top-level "on_stop" set, run as the daemon stops; 0 after running or without one.
     virtual bool hasStopAction() { return false; }
@@ -67,11 +68,15 @@ class OrvActionDB {
     static int readFile(const char* path, char* buffer, int capacity);
     static int readFile(const char* path, std::string& out);
     int writeFile(const char* path, const char* text);
-    void shell(const char* program, const char* arguments);
+    // Runs "program arguments"; past `timeoutMs` the command and its process group are killed.
+    void shell(const char* program, const char* arguments, int timeoutMs = kProgramTimeoutMs);
     int writeIoctl(const char* path, OrvIoctlCfg& cfg, void* arg);
     void writeOrvIoctl(const char* path, int cmd, const char* value);
     int getVarString(OrvAction* action, const char* name, std::string& out);
     static int getMethodType(const char* method);
+
+    // How long a "program" may run unless its method object says otherwise.
+    static constexpr int kProgramTimeoutMs = 5000;
 
     enum MethodType {
         METHOD_XFS = 0,

@@ -70,6 +70,9 @@ class OrvActionManager {
 
         OrvActionManager* mActionManager = nullptr;
         std::string mPath;
+
+      private:
+        static void removeOffered(const char* path, const char* target);
     };
 
     OrvActionManager();
@@ -77,6 +80,8 @@ class OrvActionManager {
 
     bool init();  // loads the database, runs the policy reset, starts the action queue thread
     OrvActionDB* loadDBFromfile(const char* path);
+    // Checks the content of `path`, already read, as loadDBFromfile checks the file.
+    OrvActionDB* loadDBFromText(const char* path, const std::string& text);
     void prepareUpdateDB(const char* path);
     void waitDBUpdate();  // serves the update queue on the calling thread; never returns
 

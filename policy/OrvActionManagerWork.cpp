@@ -1,8 +1,13 @@
 #define LOG_TAG "OrvActionManager"
+#include <errno.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "crypto/OrvPolicyFile.h"
 #include "daemon/core/OrvDevicePath.h"
 #include "daemon/core/OrvLog.h"
 #include "policy/OrvActionManager.h"
-#include "policy/OrvChildProcess.h"
 #include "policy/OrvJsonActionDB.h"
 
 static const char* const POLICY_DB_FILE = "/data/orvpolicy";
@@ -77,24 +82,54 @@ void OrvActionManager::OrvPrepareDBUpdateWork::execute() {
         return;
     }
     pthread_mutex_lock(&manager->mUpdateLock);
-    OrvActionDB* db = manager->loadDBFromfile(mPath.c_str());
+    // The file is read once: what is checked is what is stored, whatever happens to the file
+    // meanwhile. Stored durably first, accepted after, so a reboot brings back what was accepted.
+    std::string text;
+    OrvActionDB* db = OrvJsonActionDB::readPolicyFile(mPath.c_str(), text)
+                          ? manager->loadDBFromText(mPath.c_str(), text)
+                          : nullptr;
+    std::string target = OrvDevicePath(POLICY_DB_FILE);
+    if (db != nullptr && !OrvPolicyFile::store(target.c_str(), text.data(), text.size())) {
+        ALOGE("failed to replace new policy file to %s (%s)", target.c_str(), strerror(errno));
+        delete db;
+        db = nullptr;
+    }
     if (db == nullptr) {
         ALOGE("load new DB %s failed)", mPath.c_str());
     } else {
         delete manager->mNewDB;
         manager->mNewDB = db;
         ALOGI("new DB %s is prepared to update)", mPath.c_str());
-        std::string target = OrvDevicePath(POLICY_DB_FILE);
-        if (!OrvChildProcess::move(mPath.c_str(), target.c_str())) {
-            ALOGE("failed to replace new policy file to %s", target.c_str());
-        }
+        removeOffered(mPath.c_str(), target.c_str());
     }
     pthread_mutex_unlock(&manager->mUpdateLock);
 }
 
+// The offered file goes, as a move would take it, unless it is the stored file itself.
+void OrvActionManager::OrvPrepareDBUpdateWork::removeOffered(const char* path, const char* target) {
+    struct stat offered, stored;
+    if (lstat(path, &offered) == 0 && stat(target, &stored) == 0 &&
+        offered.st_dev == stored.st_dev && offered.st_ino == stored.st_ino) {
+        return;
+    }
+    if (unlink(path) != 0 && errno != ENOENT) {
+        ALOGE("cannot remove %s (errno=%d)", path, errno);
+    }
+}
+
 OrvActionDB* OrvActionManager::loadDBFromfile(const char* path) {
-    OrvActionDB* db = OrvJsonActionDB::createDB(path, false);
-    if (db == nullptr) db = OrvJsonActionDB::createDB(path, true);
+    if (path == nullptr) path = "";
+    std::string text;
+    if (!OrvJsonActionDB::readPolicyFile(path, text)) {
+        ALOGE("decrypt DB %s failed", path);
+        return nullptr;
+    }
+    return loadDBFromText(path, text);
+}
+
+OrvActionDB* OrvActionManager::loadDBFromText(const char* path, const std::string& text) {
+    OrvActionDB* db = OrvJsonActionDB::createDBFromText(path, text, false);
+    if (db == nullptr) db = OrvJsonActionDB::createDBFromText(path, text, true);
     if (db == nullptr) return nullptr;
 
     float minParser = db->getDBMinSupportParserVersion();
@@ -114,7 +149,8 @@ OrvActionDB* OrvActionManager::loadDBFromfile(const char* path) {
         delete db;
         return nullptr;
     }
-    // A loop would overflow the action thread's stack or spin it for good on first use.
+    // A loop or a chain of groups too deep would overflow the action thread's stack, a loop or
+    // an exponential expansion spin it for good (or for hours) on first use.
     std::string cycle = db->findCycle();
     if (!cycle.empty()) {
         ALOGE("%s in %s", cycle.c_str(), path);
@@ -125,6 +161,9 @@ OrvActionDB* OrvActionManager::loadDBFromfile(const char* path) {
 }
 
 bool OrvActionManager::init() {
+    // What a crash may have left: the plain text of a protected policy, a half-stored update.
+    OrvJsonActionDB::removeIntermediateFile();
+    unlink(OrvPolicyFile::storeTemp(OrvDevicePath(POLICY_DB_FILE).c_str()).c_str());
     if (mDB != nullptr) {
         ALOGW("db already load");
     } else {

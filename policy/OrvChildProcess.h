@@ -2,14 +2,12 @@
 
 // Runs commands for the policy engine the way system() does, minus what system() does to the
 // caller: SIGINT and SIGQUIT stay as they are in the daemon while the child runs, so a stop
-// request is never lost to a long command.
+// request is never lost to a long command, and no command can hold the caller for ever.
 class OrvChildProcess {
   public:
-    // Runs `command` through the platform shell and waits for it. Returns the raw wait status,
+    // Runs `command` through the platform shell and waits for it, at most `timeoutMs`
+    // milliseconds (0 or less: no limit). Past the limit the shell and everything it started in
+    // its process group are killed, reaped, and `timedOut` is set. Returns the raw wait status,
     // as system() would, or -1 when no child could be started.
-    static int runShell(const char* command);
-
-    // Moves `from` onto `to` like mv(1): a rename, or a copy and removal across file systems.
-    // No shell and no child process are involved. False on failure, with errno set.
-    static bool move(const char* from, const char* to);
+    static int runShell(const char* command, int timeoutMs, bool& timedOut);
 };

@@ -5,12 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "crypto/OrvPolicyDecoder.h"
 #include "crypto/OrvPolicyFile.h"
-#include "crypto/OrvSecurityUtil.h"
 #include "daemon/core/OrvDevicePath.h"
 #include "daemon/core/OrvHeapReserve.h"
 #include "daemon/core/OrvLog.h"
 #include "policy/OrvCycleCheck.h"
+#include "policy/OrvGroupBounds.h"
 #include "policy/OrvJsonParser.h"
 
 static const char* const PARSER_VERSION = "v1.0";
@@ -60,34 +61,61 @@ static bool nestingWithinLimit(const std::string& text) {
     return true;
 }
 
+bool OrvJsonActionDB::readPolicyFile(const char* path, std::string& text) {
+    const char* reason = nullptr;
+    if (OrvPolicyFile::read(path, OrvPolicyFile::kMaxPlainSize, text, reason)) return true;
+    // A file that cannot be opened keeps the plain line; refusals say why.
+    if (reason == OrvPolicyFile::kCannotOpen) {
+        ALOGE("%s is not good", path);
+    } else {
+        ALOGE("%s is not good (%s)", path, reason);
+    }
+    return false;
+}
+
+void OrvJsonActionDB::removeIntermediateFile() {
+    unlink(OrvDevicePath(INTERMEDIATE_FILE).c_str());
+}
+
 OrvJsonActionDB* OrvJsonActionDB::createDB(const char* path, bool encrypted) {
     if (path == nullptr) path = "";
-    std::string intermediate = OrvDevicePath(INTERMEDIATE_FILE);
-    std::string readPath = path;
+    std::string text;
     if (encrypted) {
-        if (!OrvSecurityUtil::decrypt(path, intermediate.c_str())) {
+        const char* reason = nullptr;
+        if (!OrvPolicyFile::read(path, kOrvPolicyMaxTextSize, text, reason)) {
+            ALOGE("decrypt DB %s failed", path);
+            return nullptr;
+        }
+    } else if (!readPolicyFile(path, text)) {
+        return nullptr;
+    }
+    return createDBFromText(path, text, encrypted);
+}
+
+OrvJsonActionDB* OrvJsonActionDB::createDBFromText(const char* path, const std::string& content,
+                                                   bool encrypted) {
+    if (path == nullptr) path = "";
+    std::string intermediate;
+    std::string plain;
+    if (encrypted) {
+        if (!decode_orv_policy_text(content.data(), content.size(), plain)) {
             ALOGE("decrypt DB %s failed", path);
             return nullptr;
         }
         ORV_LOGD("decrypt DB %s success", path);
-        readPath = intermediate;
+        // The intermediate file, readable by orvd alone, where /data can take it; a full or
+        // read-only /data leaves the plain text in memory only, and the load goes on.
+        intermediate = OrvDevicePath(INTERMEDIATE_FILE);
+        unlink(intermediate.c_str());  // a file left behind keeps its mode through O_TRUNC
+        if (!OrvPolicyFile::write(intermediate.c_str(), plain.data(), plain.size(), 0600)) {
+            unlink(intermediate.c_str());
+            intermediate.clear();
+        }
     }
+    const std::string& text = encrypted ? plain : content;
     // The text and then JsonCpp's tree, about nine bytes of heap for each byte of text, come
     // from pages made resident at once.
-    struct stat st;
-    OrvHeapReserve reserve(stat(readPath.c_str(), &st) == 0 ? static_cast<size_t>(st.st_size) * 10
-                                                            : 0);
-    std::string text;
-    const char* reason = nullptr;
-    if (!OrvPolicyFile::read(readPath.c_str(), OrvPolicyFile::kMaxPlainSize, text, reason)) {
-        // A file that cannot be opened keeps the plain line; refusals say why.
-        if (reason == OrvPolicyFile::kCannotOpen) {
-            ALOGE("%s is not good", path);
-        } else {
-            ALOGE("%s is not good (%s)", path, reason);
-        }
-        return nullptr;
-    }
+    OrvHeapReserve reserve(text.size() * 10);
     const char* stage = encrypted ? "after decrypt" : "before decrypt";
     Json::Value* root = new Json::Value();
     Json::Reader reader;
@@ -110,7 +138,7 @@ OrvJsonActionDB* OrvJsonActionDB::createDB(const char* path, bool encrypted) {
         return nullptr;
     }
     OrvJsonActionDB* db = new OrvJsonActionDB(root, encrypted);
-    if (encrypted) unlink(intermediate.c_str());
+    if (!intermediate.empty()) unlink(intermediate.c_str());
     return db;
 }
 
@@ -233,6 +261,10 @@ std::string OrvJsonActionDB::findCycle() {
     if (mRoot == nullptr) return std::string();
     pthread_mutex_lock(&mDocLock);
     std::string cycle = OrvCycleCheck::find(*mRoot);
+    if (cycle.empty()) {
+        std::vector<OrvGroupBounds::Finding> over = OrvGroupBounds::check(*mRoot);
+        if (!over.empty()) cycle = over.front().message;
+    }
     pthread_mutex_unlock(&mDocLock);
     return cycle;
 }

@@ -26,6 +26,13 @@ class OrvJsonActionDB : public OrvActionDB {
 
     // Reads (and for `encrypted`, first decrypts) a policy file; null on failure.
     static OrvJsonActionDB* createDB(const char* path, bool encrypted);
+    // The same on the content of `path`, already read; `path` only names it in log lines.
+    static OrvJsonActionDB* createDBFromText(const char* path, const std::string& text,
+                                             bool encrypted);
+    // Reads the policy file at `path` whole, logging why when it cannot.
+    static bool readPolicyFile(const char* path, std::string& text);
+    // Removes what a crash may have left of a decrypted policy.
+    static void removeIntermediateFile();
 
     bool findApp(const char* appName) override;
     bool findAppParam(const char* appName, const char* paramName, std::string& out) override;

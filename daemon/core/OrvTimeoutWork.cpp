@@ -23,7 +23,9 @@ OrvTimeoutWork::~OrvTimeoutWork() {
 void OrvTimeoutWork::execute() {
     if (mSocket < 0) {
         ORV_LOGD("creating socket...");
-        mSocket = socket(AF_UNIX, SOCK_STREAM, 0);
+        // Non-blocking: the timer holds its lock while this runs, and a listener that is busy
+        // (behind a slow action, its backlog full) must make the time-out fail, not wait.
+        mSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         if (mSocket < 0) {
             ALOGE("socket create fail (ret=%d)\n", mSocket);
             return;
@@ -39,8 +41,10 @@ void OrvTimeoutWork::execute() {
         }
     }
     // The daemon ignores SIGPIPE, so a vanished peer shows up here as a failed send.
+    // A frame cut short would garble the stream: a short send counts as a failure, and closing
+    // the connection lets the listener drop the part it got.
     ssize_t ret = send(mSocket, kTimeoutMsg, sizeof(kTimeoutMsg) - 1, 0);
-    if (ret < 0) {
+    if (ret != static_cast<ssize_t>(sizeof(kTimeoutMsg) - 1)) {
         ALOGE("TimeoutMsg send failed (ret=%d) (fd=%d)\n", static_cast<int>(ret), mSocket);
         close(mSocket);
         mSocket = -1;

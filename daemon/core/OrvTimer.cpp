@@ -3,7 +3,6 @@
 #include "daemon/core/OrvTimer.h"
 
 #include <errno.h>
-#include <sys/time.h>
 #include <time.h>
 
 #include "daemon/core/OrvLog.h"
@@ -16,7 +15,12 @@ OrvTimer& OrvTimer::getInstance() {
 
 OrvTimer::OrvTimer() : mPeriod(0), mWork(nullptr) {
     pthread_mutex_init(&mLock, nullptr);
-    pthread_cond_init(&mCond, nullptr);
+    // Deadlines on the monotonic clock: a step of the wall clock neither stretches nor cuts one.
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    pthread_cond_init(&mCond, &attr);
+    pthread_condattr_destroy(&attr);
 }
 
 OrvTimer::~OrvTimer() {}
@@ -60,11 +64,11 @@ void* OrvTimer::run() {
             ORV_LOGD("timer reset done");
             pthread_cond_wait(&mCond, &mLock);
         } else {
-            struct timeval now;
-            gettimeofday(&now, nullptr);
+            struct timespec now;
+            clock_gettime(CLOCK_MONOTONIC, &now);
             // Whole seconds are carried out of the nanoseconds: timedwait refuses a tv_nsec of
             // a second or more, which would make this loop spin and fire late.
-            long nsec = now.tv_usec * 1000L + (mPeriod % 1000) * 1000000L;
+            long nsec = now.tv_nsec + (mPeriod % 1000) * 1000000L;
             struct timespec deadline;
             deadline.tv_sec = now.tv_sec + mPeriod / 1000 + nsec / 1000000000L;
             deadline.tv_nsec = nsec % 1000000000L;

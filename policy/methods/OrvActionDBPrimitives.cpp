@@ -62,7 +62,9 @@ void OrvActionDB::setSystemProperty(const char* name, const char* value) {
 int OrvActionDB::readFile(const char* path, char* buffer, int capacity) {
     if (capacity < 2) return -1;
     OrvDevice& device = OrvDevice::get();
-    int fd = device.open(path, O_RDONLY);
+    // O_NONBLOCK: an empty FIFO, /proc/kmsg or trace_pipe fails at once instead of holding the
+    // action thread (and everything queued behind it) for good.
+    int fd = device.open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
     if (fd < 0) return -1;
     ssize_t n = device.read(fd, buffer, capacity - 1);
     if (n <= 0) {
@@ -90,7 +92,8 @@ int OrvActionDB::readFile(const char* path, std::string& out) {
 
 int OrvActionDB::writeFile(const char* path, const char* text) {
     OrvDevice& device = OrvDevice::get();
-    int fd = device.open(path, O_WRONLY);
+    // A FIFO without a reader fails the open (ENXIO) rather than waiting for one.
+    int fd = device.open(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
     if (fd < 0) {
         int err = errno;
         ALOGE("cannot open \"%s\" (errno=%d) @%s", path, err, getCurActionInfoStr().c_str());
@@ -111,11 +114,15 @@ int OrvActionDB::writeFile(const char* path, const char* text) {
     return -1;
 }
 
-void OrvActionDB::shell(const char* program, const char* arguments) {
+void OrvActionDB::shell(const char* program, const char* arguments, int timeoutMs) {
     if (OrvDevice::get().divertProgram(program, arguments)) return;
     std::string command = std::string(program) + " " + arguments;
-    int ret = OrvChildProcess::runShell(command.c_str());
-    if (ret == -1) {
+    bool timedOut = false;
+    int ret = OrvChildProcess::runShell(command.c_str(), timeoutMs, timedOut);
+    if (timedOut) {
+        ALOGE("system(\"%s\") killed after %d ms @%s", command.c_str(), timeoutMs,
+              getCurActionInfoStr().c_str());
+    } else if (ret == -1) {
         ALOGE("system(\"%s\") failed @%s", command.c_str(), getCurActionInfoStr().c_str());
     } else if (ret != 0) {
         ALOGW("system(\"%s\") return:%d @%s", command.c_str(), ret, getCurActionInfoStr().c_str());
@@ -125,7 +132,7 @@ void OrvActionDB::shell(const char* program, const char* arguments) {
 // The descriptors below stay open: every execution opens the node afresh, as drivers expect.
 int OrvActionDB::writeIoctl(const char* path, OrvIoctlCfg& cfg, void* arg) {
     OrvDevice& device = OrvDevice::get();
-    int fd = device.open(path, O_RDWR);
+    int fd = device.open(path, O_RDWR | O_CLOEXEC);
     if (fd < 0) {
         int err = errno;
         ALOGE("Cannot open \"%s\"(errno=%d) @%s", path, err, getCurActionInfoStr().c_str());
@@ -166,7 +173,7 @@ int OrvActionDB::writeIoctl(const char* path, OrvIoctlCfg& cfg, void* arg) {
 
 void OrvActionDB::writeOrvIoctl(const char* path, int cmd, const char* value) {
     OrvDevice& device = OrvDevice::get();
-    int fd = device.open(path, O_RDWR);
+    int fd = device.open(path, O_RDWR | O_CLOEXEC);
     if (fd < 0) {
         int err = errno;
         ALOGE("cannot open \"%s\" (errno=%d) @%s", path, err, getCurActionInfoStr().c_str());

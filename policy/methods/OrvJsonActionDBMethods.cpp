@@ -35,7 +35,19 @@ void OrvJsonActionDB::doSetPropAction(Json::Value& methodObject, OrvAction* acti
 void OrvJsonActionDB::doProgramAction(Json::Value& methodObject, OrvAction* action) {
     const char* path;
     std::string text;
-    if (pathAndText(methodObject, action, path, text)) shell(path, text.c_str());
+    // "timeout_ms" bounds the run; a value that is not a positive number refuses the method
+    // rather than run it without limit.
+    int timeoutMs = kProgramTimeoutMs;
+    const Json::Value& limit = member(methodObject, "timeout_ms");
+    if (!limit.isNull()) {
+        if (!limit.isInt() || limit.asInt() <= 0) {
+            ALOGE("\"timeout_ms\" must be a positive number of milliseconds @%s",
+                  getCurActionInfoStr().c_str());
+            return;
+        }
+        timeoutMs = limit.asInt();
+    }
+    if (pathAndText(methodObject, action, path, text)) shell(path, text.c_str(), timeoutMs);
 }
 
 int OrvJsonActionDB::getIoctlCfg(const Json::Value& methodObject, const char* key,

@@ -1,12 +1,15 @@
 // The one-shot timer on its real thread, with the time-out work talking to a real socket.
 #include <cutils/properties.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <thread>
@@ -15,6 +18,25 @@
 #include "daemon/core/OrvTimeoutWork.h"
 #include "daemon/core/OrvTimer.h"
 #include "support/OrvTestSupport.h"
+
+// The wall clock as this process reads it, an hour ahead while sWallClockAhead is set: as if
+// the clock was stepped back just after a time-out was armed. The kernel's own clock, which
+// timed waits on the wall clock use, stays where it is. (Link-time interposition.)
+static std::atomic<bool> sWallClockAhead{false};
+
+extern "C" int clock_gettime(clockid_t clock, struct timespec* ts) {
+    int ret = static_cast<int>(syscall(SYS_clock_gettime, clock, ts));
+    if (ret == 0 && clock == CLOCK_REALTIME && sWallClockAhead) ts->tv_sec += 3600;
+    return ret;
+}
+
+extern "C" int gettimeofday(struct timeval* tv, void*) {
+    struct timespec ts;
+    int ret = clock_gettime(CLOCK_REALTIME, &ts);
+    tv->tv_sec = ts.tv_sec;
+    tv->tv_usec = ts.tv_nsec / 1000;
+    return ret;
+}
 
 namespace {
 
@@ -100,6 +122,20 @@ TEST_F(TimerTest, FiresOnceAfterPeriodArmedAnywhereInASecond) {
     }
 }
 
+TEST_F(TimerTest, AWallClockStepNeitherStretchesNorCutsATimeout) {
+    for (bool ahead : {true, false}) {
+        SCOPED_TRACE(ahead ? "wall clock an hour ahead when armed" : "wall clock right");
+        sWallClockAhead = ahead;
+        auto t0 = Clock::now();
+        mTimer.set(100);
+        long elapsed = mWork.waitExpiry(ahead ? 1 : 2, t0, 5000);
+        sWallClockAhead = false;
+        EXPECT_GE(elapsed, 100 - 1);
+        EXPECT_LE(elapsed, 100 + kSlackMs);
+        if (elapsed < 0) mTimer.reset();
+    }
+}
+
 TEST_F(TimerTest, ReArmRestartsThePeriodFromTheLastSet) {
     auto t0 = Clock::now();
     mTimer.set(1500);
@@ -131,14 +167,14 @@ TEST_F(TimerTest, ResetAndNonPositiveSetsDisarm) {
 }
 
 // Accepts where the daemon's control socket would be.
-int listenAsDaemon(const std::string& root) {
+int listenAsDaemon(const std::string& root, int backlog = 4) {
     std::filesystem::create_directories(root + "/dev/socket");
     int fd = socket(AF_UNIX, SOCK_STREAM, 0);
     struct sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
     snprintf(addr.sun_path, sizeof(addr.sun_path), "%s/dev/socket/orvd", root.c_str());
     bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr));
-    listen(fd, 4);
+    listen(fd, backlog);
     return fd;
 }
 
@@ -177,6 +213,57 @@ TEST_F(TimerTest, TimeoutWorkKeepsOneConnectionAndReconnectsAfterAFailedSend) {
     EXPECT_EQ(1, mLog.count("socket connect fail (ret=-1)\n"));
     mTimer.setTimeoutWork(nullptr);  // waits for a running expiry: `work` dies with this scope
     close(conn2);
+    close(daemon);
+}
+
+// The listener stuck behind a slow action accepts nobody; the timer must fail its delivery at
+// once instead of waiting in connect() with its lock held, where the listener's next reset()
+// would wait behind it for good.
+TEST_F(TimerTest, AnExpiryNeverWaitsOnAListenerThatAcceptsNobody) {
+    OrvTimeoutWork work;
+    mTimer.setTimeoutWork(&work);
+    int daemon = listenAsDaemon(mRoot.path(), 0);
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s/dev/socket/orvd", mRoot.path().c_str());
+    std::vector<int> queued;  // clients waiting to be accepted, until the backlog is full
+    for (;;) {
+        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        if (connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) != 0) {
+            close(fd);
+            break;
+        }
+        queued.push_back(fd);
+    }
+    mTimer.set(50);
+    EXPECT_TRUE(mLog.waitFor("socket connect fail (ret=-1)\n", 1, 5000));
+    std::atomic<bool> done{false};
+    std::thread listener([&] {
+        mTimer.reset();
+        done = true;
+    });
+    EXPECT_TRUE(mLog.waitUntil([&] { return done.load(); }, 5000));
+    // Accepting again releases a timer that did wait, so that the test ends either way.
+    fcntl(daemon, F_SETFL, O_NONBLOCK);
+    std::vector<int> accepted;
+    auto acceptAll = [&] {
+        for (int fd; (fd = accept(daemon, nullptr, nullptr)) >= 0;) accepted.push_back(fd);
+    };
+    while (!done) {
+        acceptAll();
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    listener.join();
+    acceptAll();
+    // With room again, the next time-out connects and is delivered.
+    mTimer.set(50);
+    ASSERT_TRUE(mLog.waitUntil([&] { return mLog.countContaining("TimeoutMsg sent") == 1; }));
+    acceptAll();
+    ASSERT_FALSE(accepted.empty());
+    EXPECT_EQ("[500,0]", readFrame(accepted.back()));
+    mTimer.setTimeoutWork(nullptr);
+    for (int fd : queued) close(fd);
+    for (int fd : accepted) close(fd);
     close(daemon);
 }
 

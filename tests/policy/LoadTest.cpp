@@ -2,10 +2,10 @@
 #include <tuple>
 
 #include "PolicyTestSupport.h"
-#include "tools/codec/OrvPolicyEncoder.h"
 
 namespace {
 
+using policytest::protect;
 using LoadTest = policytest::PolicyTest;
 
 TEST_F(LoadTest, VersionRulesAndUnreadableFiles) {
@@ -40,14 +40,6 @@ TEST_F(LoadTest, VersionRulesAndUnreadableFiles) {
         EXPECT_EQ(1, mLog.countContaining(line)) << doc;
         delete db;
     }
-}
-
-std::string protect(const std::string& json, unsigned seed) {
-    std::string text, error;
-    OrvProtectOptions opts;
-    opts.rngSeed = seed;
-    EXPECT_TRUE(orvProtectPolicy(json, opts, text, &error)) << error;
-    return text;
 }
 
 TEST_F(LoadTest, ProtectedFileLoadsThroughDecryptionAndEnablesProgram) {

@@ -16,6 +16,7 @@
 #include "policy/OrvActionManager.h"
 #include "policy/OrvJsonActionDB.h"
 #include "support/OrvTestSupport.h"
+#include "tools/codec/OrvPolicyEncoder.h"
 
 namespace policytest {
 
@@ -36,6 +37,15 @@ inline std::string marks(std::string doc, const std::string& path, const std::st
         doc.replace(i, end + 1 - i, xfs(path, doc.substr(i + 1, end - i - 1)));
     }
     return doc;
+}
+
+// `json` in the protected form, reproducibly for one `seed`.
+inline std::string protect(const std::string& json, unsigned seed) {
+    std::string text, error;
+    OrvProtectOptions opts;
+    opts.rngSeed = seed;
+    EXPECT_TRUE(orvProtectPolicy(json, opts, text, &error)) << error;
+    return text;
 }
 
 // An unprotected database on `text`.

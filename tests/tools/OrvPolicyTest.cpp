@@ -15,6 +15,20 @@ std::string withRun(const std::string& methods, const std::string& extraApps = "
            methods + "]}}}" + extraApps + "}}";
 }
 
+// A document whose groups g0..g<n-1> each call the next `calls` times.
+std::string groupChain(int n, int calls) {
+    std::string groups;
+    for (int i = 0; i < n; ++i) {
+        groups += (i ? ",\"g" : "\"g") + std::to_string(i) + "\":[";
+        for (int c = 0; c < calls && i + 1 < n; ++c)
+            groups += (c ? "," : "") + std::string(R"({"method":"group","path":"g)") +
+                      std::to_string(i + 1) + "\"}";
+        groups += "]";
+    }
+    return R"({"parser":"v1.0","version":"v1","policy_group":{)" + groups +
+           R"(},"default":{"action":{"reset":{"policy":[{"method":"group","path":"g0"}]}}}})";
+}
+
 // One "ioctl" method: `value` holds its "type" and "value" members, `cfg` the members of its
 // "method_ioctl_cfg".
 std::string ioctlRun(const std::string& value, const std::string& cfg) {
@@ -65,6 +79,13 @@ TEST(OrvPolicy, EachKindOfFinding) {
         {"group cycle",
          R"({"parser":"v1.0","version":"v1","policy_group":{"g":[{"method":"group","path":"g"}]}})",
          1, "error: policy_group.g: group cycle g -> g"},
+        // Checked on the tool's own stack: 20,000 levels crashed the recursive walk.
+        {"groups nested too deep", groupChain(20000, 1), 1,
+         "error: policy_group.g0: group nesting too deep: g0 -> g1 -> g2 -> ... -> g19997 -> "
+         "g19998 -> g19999 (20000 levels, limit 256): orvd refuses the document"},
+        {"groups expanding too far", groupChain(40, 2), 1,
+         "error: default.action.reset.policy: action set default.action.reset.policy expands to "
+         "1099511627775 methods (limit 100000)"},
         {"unknown state", withRun("", R"(,"com.b":{"action":{"lunch":{}}})"), 0,
          "warning: com.b.action.lunch: unknown state"},
         {"unknown set key", withRun("", R"(,"com.b":{"action":{"run":{"on_leave":[]}}})"), 0,

@@ -4,9 +4,9 @@
 #include <stdlib.h>
 
 #include <algorithm>
-#include <functional>
 #include <sstream>
 
+#include "policy/OrvGroupBounds.h"
 #include "tools/orvpolicy/OrvPolicyRestore.h"
 
 namespace {
@@ -121,6 +121,10 @@ void OrvPolicyChecker::run() {
         mReport.error("policy_group", "must be an object of named action sets");
     else
         checkGroupCycles();
+    for (const auto& over : OrvGroupBounds::check(mRoot)) {
+        mReport.error(over.location, over.message + ": orvd refuses the document");
+        if (over.message.find("nesting") != std::string::npos) mGroupWalkUnsafe = true;
+    }
 
     // Only default.action.reset.policy is read; everything beside that path is reported.
     const Json::Value* node = &mRoot;
@@ -156,10 +160,15 @@ void OrvPolicyChecker::run() {
     if (groups.isObject()) {
         for (const auto& name : groups.getMemberNames()) {
             if (mCheckedGroups.count(name)) continue;
-            mReport.warning("policy_group." + name, "no action set uses this group");
+            if (!mGroupWalkUnsafe)
+                mReport.warning("policy_group." + name, "no action set uses this group");
             mCheckedGroups.insert(name);
             checkSet("policy_group." + name, groups[name]);
         }
+        // Without the descent, uses are known once every group has been checked.
+        for (const auto& name : groups.getMemberNames())
+            if (mGroupWalkUnsafe && mGroupUses.count(name) == 0)
+                mReport.warning("policy_group." + name, "no action set uses this group");
     }
     // A mistake inside a group is one mistake wherever the group runs: name its definition.
     for (auto& f : mReport.findings()) {
@@ -373,13 +382,23 @@ void OrvPolicyChecker::checkGroupCycles() {
                 groups.isMember(m["path"].asString()))
                 calls[name].push_back(m["path"].asString());
     }
-    // Depth-first search; a group met again on the current path closes a loop.
+    // Depth-first search on an explicit stack; a group met again on the current path closes a
+    // loop.
     std::map<std::string, int> mark;  // 0 new, 1 on path, 2 done
-    std::vector<std::string> path;
-    std::function<void(const std::string&)> visit = [&](const std::string& g) {
-        mark[g] = 1;
-        path.push_back(g);
-        for (const auto& callee : calls[g]) {
+    for (const auto& name : groups.getMemberNames()) {
+        if (mark[name] != 0) continue;
+        std::vector<std::string> path{name};
+        std::vector<size_t> next{0};
+        mark[name] = 1;
+        while (!path.empty()) {
+            const std::vector<std::string>& callees = calls[path.back()];
+            if (next.back() == callees.size()) {
+                mark[path.back()] = 2;
+                path.pop_back();
+                next.pop_back();
+                continue;
+            }
+            const std::string callee = callees[next.back()++];
             if (mark[callee] == 1) {
                 std::string chain;
                 bool in = false;
@@ -390,19 +409,19 @@ void OrvPolicyChecker::checkGroupCycles() {
                 mReport.error(
                     "policy_group." + callee,
                     "group cycle " + chain + callee + ": orvd recurses until its stack overflows");
+                mGroupWalkUnsafe = true;
             } else if (mark[callee] == 0) {
-                visit(callee);
+                mark[callee] = 1;
+                path.push_back(callee);
+                next.push_back(0);
             }
         }
-        path.pop_back();
-        mark[g] = 2;
-    };
-    for (const auto& name : groups.getMemberNames())
-        if (mark[name] == 0) visit(name);
+    }
 }
 
 bool OrvPolicyChecker::usesIoctl(const Json::Value& set, std::set<std::string>& seenGroups) {
     if (!set.isArray()) return false;
+    const bool descend = !mGroupWalkUnsafe;
     const Json::Value& groups = mRoot["policy_group"];
     for (const auto& m : set) {
         if (!m.isObject() || !m["method"].isString()) continue;
@@ -410,7 +429,7 @@ bool OrvPolicyChecker::usesIoctl(const Json::Value& set, std::set<std::string>& 
         if (method == "ioctl" || method == "orv_ioctl") return true;
         if (method != "group" || !m["path"].isString() || !groups.isObject()) continue;
         const std::string name = m["path"].asString();
-        if (seenGroups.insert(name).second && groups.isMember(name) &&
+        if (descend && seenGroups.insert(name).second && groups.isMember(name) &&
             usesIoctl(groups[name], seenGroups))
             return true;
     }
@@ -465,5 +484,6 @@ void OrvPolicyChecker::checkMethod(const std::string& loc, const Json::Value& m)
         return;
     }
     // Each group's own findings once, at the first place that uses it.
-    if (mCheckedGroups.insert(group).second) checkSet(loc + group, groups[group]);
+    if (!mGroupWalkUnsafe && mCheckedGroups.insert(group).second)
+        checkSet(loc + group, groups[group]);
 }

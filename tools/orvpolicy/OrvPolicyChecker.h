@@ -45,5 +45,8 @@ class OrvPolicyChecker {
     OrvPolicyReport& mReport;
     OrvPolicyMethodChecker mMethods;
     std::set<std::string> mCheckedGroups;
+    // Groups loop or nest too deep: the walks that descend into groups would not end (or not
+    // on this stack), so they stay at the top level.
+    bool mGroupWalkUnsafe = false;
     std::map<std::string, std::vector<std::string>> mGroupUses;  // group to the methods that run it
 };

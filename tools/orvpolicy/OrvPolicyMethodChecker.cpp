@@ -69,6 +69,11 @@ void OrvPolicyMethodChecker::check(const std::string& loc, const std::string& me
         }
         checkPath(loc, m);
         checkText(loc, m, "");
+        const Json::Value& limit = m["timeout_ms"];
+        if (!limit.isNull() && !(limit.isInt() && limit.asInt() > 0))
+            mReport.error(loc,
+                          "\"timeout_ms\" must be a positive number of milliseconds; orvd "
+                          "refuses the method");
     } else if (method == "ioctl") {
         checkIoctl(loc, m);
     } else if (method == "orv_ioctl") {
@@ -81,8 +86,8 @@ void OrvPolicyMethodChecker::check(const std::string& loc, const std::string& me
 void OrvPolicyMethodChecker::checkUnknownKeys(const std::string& loc, const std::string& method,
                                               const Json::Value& m) {
     std::set<std::string> known = {"method", "path"};
-    if (method == "xfs" || method == "prop" || method == "program")
-        known = {"method", "path", "type", "value"};
+    if (method == "xfs" || method == "prop") known = {"method", "path", "type", "value"};
+    if (method == "program") known = {"method", "path", "type", "value", "timeout_ms"};
     if (method == "ioctl") known = {"method", "path", "type", "value", "method_ioctl_cfg"};
     if (method == "orv_ioctl") known = {"method", "path", "cmd", "value"};
     if (!isKnownMethod(method)) return;
