@@ -3,13 +3,14 @@
 #include "daemon/core/OrvTimeoutWork.h"
 
 #include <cutils/sockets.h>
+#include <orv/protocol.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "daemon/core/OrvLog.h"
 
 namespace {
-const char kTimeoutMsg[] = "[500,0]";
+const std::string kTimeoutMsg = orv::frame(orv::TIMEOUT);
 }
 
 OrvTimeoutWork::OrvTimeoutWork() : OrvWork("TIMEOUT", false), mSocket(-1) {}
@@ -29,8 +30,8 @@ void OrvTimeoutWork::execute() {
             return;
         }
         ORV_LOGD("done\nconnecting socket...");
-        int ret = socket_local_client_connect(mSocket, "orvd", ANDROID_SOCKET_NAMESPACE_RESERVED,
-                                              SOCK_STREAM);
+        int ret = socket_local_client_connect(mSocket, orv::kSocketName,
+                                              ANDROID_SOCKET_NAMESPACE_RESERVED, SOCK_STREAM);
         if (ret < 0) {
             ALOGE("socket connect fail (ret=%d)\n", ret);
             close(mSocket);
@@ -39,7 +40,7 @@ void OrvTimeoutWork::execute() {
         }
     }
     // The daemon ignores SIGPIPE, so a vanished peer shows up here as a failed send.
-    ssize_t ret = send(mSocket, kTimeoutMsg, sizeof(kTimeoutMsg) - 1, 0);
+    ssize_t ret = send(mSocket, kTimeoutMsg.data(), kTimeoutMsg.size(), 0);
     if (ret < 0) {
         ALOGE("TimeoutMsg send failed (ret=%d) (fd=%d)\n", static_cast<int>(ret), mSocket);
         close(mSocket);
