@@ -115,6 +115,11 @@ constexpr char kGestureTap[] = "gesture_tap";
 constexpr char kGestureScroll[] = "gesture_scroll";
 constexpr char kGestureFling[] = "gesture_fling";
 constexpr char kGestureLongPress[] = "gesture_long_press";
+// Every one of them, in this order.
+constexpr const char* kAll[] = {kReset,        kLaunch,          kStart,         kRun,
+                                kScale,        kListViewScroll,  kListViewFling, kRotate,
+                                kGestureDown,  kGesturePress,    kGestureTap,    kGestureScroll,
+                                kGestureFling, kGestureLongPress};
 }  // namespace state
 
 inline void appendNumber(std::string& out, long long value) {
