@@ -37,19 +37,25 @@ final class TestDaemon implements AutoCloseable {
 
     /** Starts orvd with the example policy, or without any policy so that it parks. */
     void start(boolean withPolicy) throws IOException {
-        Path policy = root.resolve("data/orvpolicy");
-        Files.deleteIfExists(policy);
+        String text = null;
         if (withPolicy) {
             for (String node : NODES) {
                 Path p = root.resolve(node);
                 Files.createDirectories(p.getParent());
                 if (!Files.exists(p)) Files.createFile(p);
             }
-            String text = Files.readString(Path.of(mSourceDir, "examples/tablet-policy.json"));
+            text = Files.readString(Path.of(mSourceDir, "examples/tablet-policy.json"));
             text = text.replace("\"/sys/", "\"" + root + "/sys/")
                     .replace("\"/dev/cpuctl/", "\"" + root + "/dev/cpuctl/");
-            Files.writeString(policy, text);
         }
+        start(text);
+    }
+
+    /** Starts orvd with `policy` as its policy document (none when null). */
+    void start(String policy) throws IOException {
+        Path file = root.resolve("data/orvpolicy");
+        Files.deleteIfExists(file);
+        if (policy != null) Files.writeString(file, policy);
         ProcessBuilder pb = new ProcessBuilder(mBinDir + "/orvd");
         pb.environment().put("ORV_ROOT", root.toString());
         pb.redirectErrorStream(true);
