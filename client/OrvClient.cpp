@@ -11,8 +11,9 @@ long long nowMs() {
     return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
 }
 
-// What one write may carry: enough to drain a burst in a few calls.
-constexpr size_t kBatchBytes = 4096;
+// What one write may carry: whole frames up to what orvd takes in one read, so that a daemon
+// that keeps up reads whole frames only and never leaves a part of one behind.
+constexpr size_t kBatchBytes = orv::kReadMax;
 
 }  // namespace
 

@@ -25,7 +25,9 @@ public final class OrvClient implements AutoCloseable {
         public int backoffMaxMs = 1000;
     }
 
-    private static final int BATCH_BYTES = 4096;
+    // Whole frames up to what orvd takes in one read, so that a daemon that keeps up reads
+    // whole frames only and never leaves a part of one behind.
+    private static final int BATCH_BYTES = OrvProtocol.READ_MAX;
 
     private final OrvTransport mTransport;
     private final Options mOptions;
@@ -228,8 +230,8 @@ public final class OrvClient implements AutoCloseable {
             frames.add(first);
             int bytes = first.length;
             byte[] next;
-            while (bytes < BATCH_BYTES && (next = mQueue.poll()) != null) {
-                frames.add(next);
+            while ((next = mQueue.peek()) != null && bytes + next.length <= BATCH_BYTES) {
+                frames.add(mQueue.poll());
                 bytes += next.length;
             }
             batch.reset();

@@ -39,6 +39,9 @@ public final class OrvProtocol {
     public static final int TIMEOUT = 500; // no payload (orvd's own timer)
     public static final int DUMP_STATE = 900; // no payload; answers the state dump
 
+    /** orvd reads at most this many bytes of one client at a time. */
+    public static final int READ_MAX = 511;
+
     /** The pid of ACTIVITY_START while the activity is only being launched. */
     public static final int PID_LAUNCH = -1;
 

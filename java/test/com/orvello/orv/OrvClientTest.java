@@ -153,6 +153,9 @@ public final class OrvClientTest {
             check(f.getInt(null) == Integer.parseInt(codes.group(2)), codes.group(1));
         }
         check(n == 23, n + " codes in the header");
+        Matcher readMax = Pattern.compile("kReadMax = (\\d+);").matcher(header);
+        check(readMax.find() && Integer.parseInt(readMax.group(1)) == OrvProtocol.READ_MAX,
+                "READ_MAX");
         String[][] subs = {{"ListView", "ListView"}, {"Gesture", "Gesture"}, {"Scale", "Scale"},
                 {"QueryBy", "QueryBy"}};
         for (String[] s : subs) {
