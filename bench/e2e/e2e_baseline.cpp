@@ -112,8 +112,9 @@ struct Frames {
         } else if (code == orv::PROCESS_START && semi) {
             names.emplace(pid, std::string(semi + 1, payload + len - semi - 1));
         } else if (code == orv::DISABLE_THERMAL) {
-            static const std::string kReply = std::to_string(orv::DISABLE_THERMAL) +
-                                              orv::kReplySeparator + orv::kDefaultThermalMask;
+            static const std::string kReply =
+                std::to_string(static_cast<int>(orv::DISABLE_THERMAL)) + orv::kReplySeparator +
+                orv::kDefaultThermalMask;
             if (send(client, kReply.c_str(), kReply.size() + 1, MSG_NOSIGNAL) < 0)
                 perror("baseline: send");
         }

@@ -45,6 +45,59 @@ enum Code : int {
     DUMP_STATE = 900,               // (none); answers the daemon's whole state as text
 };
 
+// The name of a code as traces show it; null for a code orvd does not know.
+constexpr const char* codeName(int code) {
+    switch (code) {
+        case PROCESS_START:
+            return "PROCESS_START";
+        case PROCESS_DIE:
+            return "PROCESS_DIE";
+        case ACTIVITY_START:
+            return "ACTIVITY_START";
+        case ACTIVITY_DISPLAYED:
+            return "ACTIVITY_DISPLAYED";
+        case ACTIVITY_TRANSITION:
+            return "ACTIVITY_TRANSITION";
+        case ROTATE_START:
+            return "ROTATE_START";
+        case ROTATE_ANIMATION_START:
+            return "ROTATE_ANIMATION_START";
+        case ROTATE_ANIMATION_END:
+            return "ROTATE_ANIMATION_END";
+        case LIST_VIEW:
+            return "LIST_VIEW";
+        case VIEW_GESTURE:
+            return "VIEW_GESTURE";
+        case SCALE:
+            return "SCALE";
+        case GLTHREAD_ATTACH:
+            return "GLTHREAD_ATTACH";
+        case GLTHREAD_DETTACH:
+            return "GLTHREAD_DETTACH";
+        case DALVIK_LARGE_HEAP:
+            return "DALVIK_LARGE_HEAP";
+        case DALVIK_HEAP_UTILIZATION:
+            return "DALVIK_HEAP_UTILIZATION";
+        case HARDWARE_ACCELERATION:
+            return "HARDWARE_ACCELERATION";
+        case DISABLE_THERMAL:
+            return "DISABLE_THERMAL";
+        case CONFIGURATION_UPDATE:
+            return "CONFIGURATION_UPDATE";
+        case GOING_TO_SLEEP:
+            return "GOING_TO_SLEEP";
+        case WAKING_UP:
+            return "WAKING_UP";
+        case CONFIGURATION_QUERY:
+            return "CONFIGURATION_QUERY";
+        case TIMEOUT:
+            return "TIMEOUT";
+        case DUMP_STATE:
+            return "DUMP_STATE";
+    }
+    return nullptr;
+}
+
 // Second field of LIST_VIEW.
 enum class ListView : int {
     Idle = 0,    // the list came to rest
