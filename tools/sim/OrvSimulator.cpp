@@ -1,6 +1,7 @@
 #include "tools/sim/OrvSimulator.h"
 
 #include <cutils/properties.h>
+#include <orv/protocol.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -11,7 +12,6 @@
 #include <fstream>
 
 #if !defined(__ANDROID__)
-#include <orv/protocol.h>
 #include <orvhost/host.h>
 #endif
 
