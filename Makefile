@@ -45,8 +45,11 @@ demo-live: build
 	@scripts/install-deps --demo-live
 	scripts/demo-live $(BUILD)
 
+# The daemon's own paths, then both framework clients against a running orvd.
 bench: build
 	$(BUILD)/bin/orv_bench
+	$(BUILD)/bin/orv_bench_client
+	cmake --build $(BUILD) --target orv_bench_java
 
 # orvd against a minimal program doing the same hop, in alternating blocks of one run.
 bench-e2e: build

@@ -1,4 +1,5 @@
 #include <benchmark/benchmark.h>
+#include <orv/protocol.h>
 #include <orvhost/host.h>
 #include <sys/socket.h>
 #include <sysutils/SocketClient.h>
@@ -25,10 +26,6 @@ struct Wire {
     SocketClient* client = nullptr;
 };
 
-std::string frame(int code, const std::string& payload) {
-    return "[" + std::to_string(code) + "," + std::to_string(payload.size()) + "]" + payload;
-}
-
 // One full read (up to 511 bytes) of back-to-back registry frames.
 void BM_ConsumeFullRead(benchmark::State& state) {
     Wire wire;
@@ -36,7 +33,8 @@ void BM_ConsumeFullRead(benchmark::State& state) {
     std::string read;
     int frames = 0;
     for (int pid = 1000; read.size() + 40 < 511; ++pid, ++frames) {
-        read += frame(1, std::to_string(pid) + ";com.example.app" + std::to_string(pid % 10));
+        read += orv::frame(orv::PROCESS_START,
+                           std::to_string(pid) + ";com.example.app" + std::to_string(pid % 10));
     }
     for (auto _ : state) {
         handler.consume(read.c_str(), static_cast<int>(read.size()), wire.client);
@@ -53,7 +51,7 @@ void BM_ConsumeSplitFrame(benchmark::State& state) {
     orvhost_set_log_hook(dropLog, nullptr, false);
     Wire wire;
     OrvMsgHandler handler;
-    std::string whole = frame(42, "1234;5678");
+    std::string whole = orv::frame(orv::GLTHREAD_DETTACH, "1234;5678");
     std::string head = whole.substr(0, 8), tail = whole.substr(8);
     for (auto _ : state) {
         handler.consume(head.c_str(), static_cast<int>(head.size()), wire.client);

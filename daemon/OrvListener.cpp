@@ -2,6 +2,7 @@
 #include "daemon/OrvListener.h"
 
 #include <errno.h>
+#include <orv/protocol.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -9,7 +10,7 @@
 #include "daemon/core/OrvStopWatch.h"
 #include "protocol/OrvMsgHandler.h"
 
-OrvListener::OrvListener() : SocketListener("orvd", true), mMsgHandler(nullptr) {
+OrvListener::OrvListener() : SocketListener(orv::kSocketName, true), mMsgHandler(nullptr) {
     ORV_LOGD("constructor called");
 }
 
@@ -22,7 +23,7 @@ bool OrvListener::onDataAvailable(SocketClient* client) {
     OrvLogUpdateToggle();
 
     // One byte short of the buffer so the data always ends in a NUL.
-    char buffer[512];
+    char buffer[orv::kReadMax + 1];
     memset(buffer, 0, sizeof(buffer));
     int fd = client->getSocket();
     ssize_t count;

@@ -1,6 +1,7 @@
 #define LOG_TAG "OrvActionManager"
 #include "policy/OrvActionDB.h"
 
+#include <orv/protocol.h>
 #include <string.h>
 
 #include "daemon/core/OrvLog.h"
@@ -84,7 +85,7 @@ std::string OrvActionDB::getCurActionInfoStr() {
     std::string out;
     pthread_mutex_lock(&mInfoLock);
     if (mCurAction != nullptr) {
-        if (strcmp(mCurActionSetKey, "reset") == 0) {
+        if (strcmp(mCurActionSetKey, orv::state::kReset) == 0) {
             out = "default.action.reset.policy";
         } else if (strcmp(mCurActionSetKey, "on_stop") == 0) {
             out = "on_stop";

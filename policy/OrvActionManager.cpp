@@ -1,6 +1,7 @@
 #define LOG_TAG "OrvActionManager"
 #include "policy/OrvActionManager.h"
 
+#include <orv/protocol.h>
 #include <string.h>
 
 #include "daemon/core/OrvLog.h"
@@ -44,7 +45,7 @@ void OrvActionManager::runAction(OrvAction* action, bool appSwitch) {
     }
     mDB->executeOnExitAction(action);
     if (appSwitch) {
-        if (strcmp(orEmpty(action->mFromStateName), "reset") != 0) {
+        if (strcmp(orEmpty(action->mFromStateName), orv::state::kReset) != 0) {
             mDB->executeDefaultResetAction(action);
         }
         // A prepared database takes over between the old application's exit and the new one's

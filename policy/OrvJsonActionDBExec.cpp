@@ -1,6 +1,7 @@
 #define LOG_TAG "OrvActionManager"
 #define ATRACE_TAG ATRACE_TAG_POWER
 #include <cutils/trace.h>
+#include <orv/protocol.h>
 #include <string.h>
 
 #include "daemon/core/OrvLog.h"
@@ -141,7 +142,7 @@ int OrvJsonActionDB::executeEventAction(OrvAction* action) {
 }
 
 Json::Value* OrvJsonActionDB::defaultResetSet() {
-    Json::Value* set = lookup({"default", "action", "reset", "policy"});
+    Json::Value* set = lookup({"default", "action", orv::state::kReset, "policy"});
     return set != nullptr && !set->isNull() ? set : nullptr;
 }
 
@@ -169,7 +170,7 @@ int OrvJsonActionDB::executeStopAction(OrvAction* action) {
 }
 
 void OrvJsonActionDB::executePolicyReset() {
-    OrvAction action("", "reset", -1, -1, "reset");
+    OrvAction action("", orv::state::kReset, -1, -1, "reset");
     executeDefaultResetAction(&action);
 }
 
@@ -199,7 +200,7 @@ int OrvJsonActionDB::runSequence(OrvAction* action, bool appSwitch) {
     }
     runSequenceSet(action, action->mFromAppName.c_str(), action->mFromStateName, "on_exit",
                    ACTION_DIR_EXIT);
-    if (appSwitch && strcmp(orEmpty(action->mFromStateName), "reset") != 0) {
+    if (appSwitch && strcmp(orEmpty(action->mFromStateName), orv::state::kReset) != 0) {
         if (Json::Value* set = defaultResetSet()) {
             ORV_LOGD("fetch default.action.reset.policy");
             doActions(*set, action, ACTION_DIR_NONE);

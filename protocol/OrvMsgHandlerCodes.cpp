@@ -1,4 +1,5 @@
 #define LOG_TAG "OrvMsgHandler"
+#include <orv/protocol.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sysutils/SocketClient.h>
@@ -17,31 +18,7 @@
 
 namespace {
 
-enum {
-    PROCESS_START = 1,
-    PROCESS_DIE = 2,
-    ACTIVITY_START = 3,
-    ACTIVITY_DISPLAYED = 4,
-    ACTIVITY_TRANSITION = 5,
-    ROTATE_START = 21,
-    ROTATE_ANIMATION_START = 22,
-    ROTATE_ANIMATION_END = 23,
-    LIST_VIEW = 33,
-    VIEW_GESTURE = 34,
-    SCALE = 35,
-    GLTHREAD_ATTACH = 41,
-    GLTHREAD_DETTACH = 42,
-    DALVIK_LARGE_HEAP = 101,
-    DALVIK_HEAP_UTILIZATION = 102,
-    HARDWARE_ACCELERATION = 103,
-    DISABLE_THERMAL = 104,
-    CONFIGURATION_UPDATE = 301,
-    GOING_TO_SLEEP = 302,
-    WAKING_UP = 303,
-    CONFIGURATION_QUERY = 400,
-    TIMEOUT = 500,
-    DUMP_STATE = 900,
-};
+using namespace orv;
 
 // The types of LIST_VIEW, VIEW_GESTURE and SCALE: trace name and context operation (none while a
 // scale goes on).
@@ -210,22 +187,23 @@ void OrvMsgHandler::consumeMsg(int code, const char* payload, SocketClient* clie
         case DALVIK_LARGE_HEAP: {
             int pid = f.number();
             ORV_LOGD("DALVIK_LARGE_HEAP(%d)|%d", code, pid);
-            replyAppParam(client, code, pid, "DALVIK_HEAP_UTILIZATION", "large_heap", "false");
+            replyAppParam(client, code, pid, "DALVIK_HEAP_UTILIZATION", "large_heap",
+                          kDefaultLargeHeap);
             break;
         }
         case DALVIK_HEAP_UTILIZATION:
             replyAppParam(client, code, f.number(), "DALVIK_HEAP_UTILIZATION", "heap_utilization",
-                          "-1");
+                          kDefaultHeapUtilization);
             break;
         case HARDWARE_ACCELERATION:
             replyAppParam(client, code, f.number(), "HARDWARE_ACCELERATION",
-                          "hardware_acceleration", "-1");
+                          "hardware_acceleration", kDefaultHardwareAcceleration);
             break;
         case DISABLE_THERMAL: {
             std::string name = f.text();
             ORV_LOGD("DISABLE_THERMAL(%d)|%s", code, name.c_str());
             std::string param = "000";
-            std::string answer = "7";
+            std::string answer = kDefaultThermalMask;
             if (mActionManager) mActionManager->findAppParam(name.c_str(), "thermal_mask", param);
             binStr2UIntStr(param, answer);
             ORV_LOGD("param=%s, len=%d => thermal_mask=%s", param.c_str(),
@@ -266,7 +244,7 @@ void OrvMsgHandler::consumeMsg(int code, const char* payload, SocketClient* clie
         }
         default:
             ALOGE("undefined code(%d)|%s", code, payload);
-            client->sendMsg(code, "-1", false, false);
+            client->sendMsg(code, kUnknownCodeAnswer, false, false);
             break;
     }
 }
@@ -299,12 +277,12 @@ void OrvMsgHandler::onViewEvent(int code, int pid, int type) {
 void OrvMsgHandler::onConfigurationQuery(int type, const std::string& key, SocketClient* client) {
     ORV_LOGD("CONFIGURATION_QUERY(%d)|%d;%s", CONFIGURATION_QUERY, type, key.c_str());
     std::string param = "0";
-    std::string answer = "0";
+    std::string answer = kDefaultEventMask;
     std::string app;
-    if (type == 0) {
+    if (type == static_cast<int>(QueryBy::Name)) {
         ORV_LOGD("CONFIGURATION_QUERY_BY_NAME(%d)|%d;%s", CONFIGURATION_QUERY, type, key.c_str());
         app = key;
-    } else if (type == 1) {
+    } else if (type == static_cast<int>(QueryBy::Pid)) {
         ORV_LOGD("CONFIGURATION_QUERY_BY_PID(%d)|%d;%s", CONFIGURATION_QUERY, type, key.c_str());
         app = getPNameByPid(atoi(key.c_str()));
     } else {

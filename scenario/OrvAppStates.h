@@ -1,4 +1,6 @@
 #pragma once
+#include <orv/protocol.h>
+
 #include "scenario/OrvState.h"
 
 // No application tracked; only launch, start and transit (with the screen on) leave it.
@@ -12,7 +14,7 @@ class OrvReset : public OrvState {
                    const char* toName, int toGlTid) override;
     bool onScreenOff(OrvContext* ctx) override;
     bool onScreenOn(OrvContext* ctx) override;
-    const char* getStateNameStr() override { return "reset"; }
+    const char* getStateNameStr() override { return orv::state::kReset; }
 
     // Nothing is tracked, so events about an application are dropped without a word.
     bool onReset(OrvContext*) override { return false; }
@@ -45,7 +47,7 @@ class OrvLaunch : public OrvState {
     bool onTransit(OrvContext* ctx, int fromPid, const char* fromName, int toPid,
                    const char* toName, int toGlTid) override;
     bool onAttachGLThread(OrvContext* ctx, const char* pname, int pid, int tid) override;
-    const char* getStateNameStr() override { return "launch"; }
+    const char* getStateNameStr() override { return orv::state::kLaunch; }
 
   private:
     OrvLaunch() = default;
@@ -60,7 +62,7 @@ class OrvStart : public OrvState {
     bool onTransit(OrvContext* ctx, int fromPid, const char* fromName, int toPid,
                    const char* toName, int toGlTid) override;
     bool onAttachGLThread(OrvContext* ctx, const char* pname, int pid, int tid) override;
-    const char* getStateNameStr() override { return "start"; }
+    const char* getStateNameStr() override { return orv::state::kStart; }
 
   private:
     OrvStart() = default;

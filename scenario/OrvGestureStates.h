@@ -1,4 +1,6 @@
 #pragma once
+#include <orv/protocol.h>
+
 #include "scenario/OrvRunStates.h"
 
 // A short-lived touch gesture: the timer brings it back to run unless the same gesture repeats
@@ -27,7 +29,7 @@ class OrvGestureDown : public OrvGestureBase {
   public:
     static OrvGestureDown* getInstance();
     bool onGestureDown(OrvContext* ctx, const char* pname, int pid) override;
-    const char* getStateNameStr() override { return "gesture_down"; }
+    const char* getStateNameStr() override { return orv::state::kGestureDown; }
 
   private:
     OrvGestureDown() = default;
@@ -37,7 +39,7 @@ class OrvGesturePress : public OrvGestureBase {
   public:
     static OrvGesturePress* getInstance();
     bool onGesturePress(OrvContext* ctx, const char* pname, int pid) override;
-    const char* getStateNameStr() override { return "gesture_press"; }
+    const char* getStateNameStr() override { return orv::state::kGesturePress; }
 
   private:
     OrvGesturePress() = default;
@@ -47,7 +49,7 @@ class OrvGestureTap : public OrvGestureBase {
   public:
     static OrvGestureTap* getInstance();
     bool onGestureTap(OrvContext* ctx, const char* pname, int pid) override;
-    const char* getStateNameStr() override { return "gesture_tap"; }
+    const char* getStateNameStr() override { return orv::state::kGestureTap; }
 
   private:
     OrvGestureTap() = default;
@@ -57,7 +59,7 @@ class OrvGestureScroll : public OrvGestureBase {
   public:
     static OrvGestureScroll* getInstance();
     bool onGestureScroll(OrvContext* ctx, const char* pname, int pid) override;
-    const char* getStateNameStr() override { return "gesture_scroll"; }
+    const char* getStateNameStr() override { return orv::state::kGestureScroll; }
 
   private:
     OrvGestureScroll() = default;
@@ -67,7 +69,7 @@ class OrvGestureFling : public OrvGestureBase {
   public:
     static OrvGestureFling* getInstance();
     bool onGestureFling(OrvContext* ctx, const char* pname, int pid) override;
-    const char* getStateNameStr() override { return "gesture_fling"; }
+    const char* getStateNameStr() override { return orv::state::kGestureFling; }
 
   private:
     OrvGestureFling() = default;
@@ -77,7 +79,7 @@ class OrvGestureLongPress : public OrvGestureBase {
   public:
     static OrvGestureLongPress* getInstance();
     bool onGestureLongPress(OrvContext* ctx, const char* pname, int pid) override;
-    const char* getStateNameStr() override { return "gesture_long_press"; }
+    const char* getStateNameStr() override { return orv::state::kGestureLongPress; }
 
   private:
     OrvGestureLongPress() = default;

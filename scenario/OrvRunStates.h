@@ -1,4 +1,6 @@
 #pragma once
+#include <orv/protocol.h>
+
 #include "scenario/OrvState.h"
 
 // What every state of a running application shares: a launch or a start of another app leaves
@@ -29,7 +31,7 @@ class OrvRun : public OrvRunBase {
     bool onGestureScroll(OrvContext* ctx, const char* pname, int pid) override;
     bool onGestureFling(OrvContext* ctx, const char* pname, int pid) override;
     bool onGestureLongPress(OrvContext* ctx, const char* pname, int pid) override;
-    const char* getStateNameStr() override { return "run"; }
+    const char* getStateNameStr() override { return orv::state::kRun; }
 
   protected:
     OrvRun() = default;
@@ -45,7 +47,7 @@ class OrvScale : public OrvRunBase {
     bool onScaleEnd(OrvContext* ctx, const char* pname, int pid) override;
     bool onListScroll(OrvContext* ctx, const char* pname, int pid) override;
     bool onListFling(OrvContext* ctx, const char* pname, int pid) override;
-    const char* getStateNameStr() override { return "scale"; }
+    const char* getStateNameStr() override { return orv::state::kScale; }
 
   private:
     OrvScale() = default;
@@ -61,7 +63,7 @@ class OrvListviewScroll : public OrvRunBase {
     bool onGestureDown(OrvContext*, const char*, int) override { return false; }
     bool onGestureScroll(OrvContext*, const char*, int) override { return false; }
     bool onGestureFling(OrvContext*, const char*, int) override { return false; }
-    const char* getStateNameStr() override { return "listview_scroll"; }
+    const char* getStateNameStr() override { return orv::state::kListViewScroll; }
 
   private:
     OrvListviewScroll() = default;
@@ -75,7 +77,7 @@ class OrvListviewFling : public OrvRunBase {
     bool onGestureDown(OrvContext*, const char*, int) override { return false; }
     bool onGestureScroll(OrvContext*, const char*, int) override { return false; }
     bool onGestureFling(OrvContext*, const char*, int) override { return false; }
-    const char* getStateNameStr() override { return "listview_fling"; }
+    const char* getStateNameStr() override { return orv::state::kListViewFling; }
 
   private:
     OrvListviewFling() = default;
@@ -89,7 +91,7 @@ class OrvRotate : public OrvRunBase {
     // Already turning: the base class's warning, not another change.
     bool onRotateStart(OrvContext* ctx) override { return OrvState::onRotateStart(ctx); }
     bool onRotateStop(OrvContext* ctx) override;
-    const char* getStateNameStr() override { return "rotate"; }
+    const char* getStateNameStr() override { return orv::state::kRotate; }
 
   private:
     OrvRotate() = default;

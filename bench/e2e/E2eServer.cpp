@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <orv/protocol.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
@@ -117,7 +118,7 @@ bool E2eServer::sendAll(const std::string& bytes) {
 }
 
 bool E2eServer::sync() {
-    if (!sendAll("[104,1]x")) return false;
+    if (!sendAll(orv::frame(orv::DISABLE_THERMAL, "x"))) return false;
     char c;
     for (;;) {
         ssize_t n = read(mClient, &c, 1);

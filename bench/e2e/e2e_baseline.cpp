@@ -5,6 +5,7 @@
 // Everything else a real daemon does (logging, a state machine, a policy) is left out on purpose.
 #include <errno.h>
 #include <fcntl.h>
+#include <orv/protocol.h>
 #include <poll.h>
 #include <pthread.h>
 #include <stdio.h>
@@ -106,13 +107,16 @@ struct Frames {
     void dispatch(int code, const char* payload, size_t len, int client) {
         const char* semi = static_cast<const char*>(memchr(payload, ';', len));
         int pid = atoi(payload);
-        if (code == 33 && semi) {
+        if (code == orv::LIST_VIEW && semi) {
             push(static_cast<char>('1' + atoi(semi + 1)));
-        } else if (code == 1 && semi) {
+        } else if (code == orv::PROCESS_START && semi) {
             names.emplace(pid, std::string(semi + 1, payload + len - semi - 1));
-        } else if (code == 104) {
-            static const char kReply[] = "104 7";
-            if (send(client, kReply, sizeof(kReply), MSG_NOSIGNAL) < 0) perror("baseline: send");
+        } else if (code == orv::DISABLE_THERMAL) {
+            static const std::string kReply =
+                std::to_string(static_cast<int>(orv::DISABLE_THERMAL)) + orv::kReplySeparator +
+                orv::kDefaultThermalMask;
+            if (send(client, kReply.c_str(), kReply.size() + 1, MSG_NOSIGNAL) < 0)
+                perror("baseline: send");
         }
     }
 };

@@ -2,6 +2,7 @@
 // hop, measured in alternating blocks of one run so that both see the same machine.
 #include <fcntl.h>
 #include <limits.h>
+#include <orv/protocol.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -43,12 +44,12 @@ const Sizes kQuick = {2, 50, 2, 500, 2, 2000, 2, 2000};
 const char kApp[] = "com.bench.app";
 const int kPid = 1234;
 
-std::string frame(int code, const std::string& payload) {
-    return "[" + std::to_string(code) + "," + std::to_string(payload.size()) + "]" + payload;
-}
+using orv::frame;
 
-std::string listView(int type) {
-    return frame(33, std::to_string(kPid) + ";" + std::to_string(type));
+std::string listView(orv::ListView type) {
+    std::string payload;
+    orv::appendFields(payload, kPid, type);
+    return frame(orv::LIST_VIEW, payload);
 }
 
 bool writeFile(const std::string& path, const std::string& text) {
@@ -99,7 +100,10 @@ bool prepare(Subject& s, bool isOrvd) {
     s.effect.reset(new E2eEffect(effect));
     std::string p = std::to_string(kPid) + ";" + kApp;
     // The tracked application enters run; the baseline only needs its first write.
-    std::string setup = isOrvd ? frame(1, p) + frame(3, p + ";act;x") + frame(4, p) : listView(0);
+    std::string setup = isOrvd ? frame(orv::PROCESS_START, p) +
+                                     frame(orv::ACTIVITY_START, p + ";act;x") +
+                                     frame(orv::ACTIVITY_DISPLAYED, p)
+                               : listView(orv::ListView::Idle);
     return s.server->sendAll(setup) && s.effect->waitFor('1');
 }
 
@@ -135,10 +139,10 @@ bool markRss(Subject& s) {
 bool latencyBlock(Subject& s, int events, Side& out) {
     long long c0 = s.server->cpuNs();
     for (int i = 0; i < events; ++i) {
-        int type = (i % 2 == 0) ? 1 : 0;  // scroll, then idle back to run
-        std::string f = listView(type);
+        const bool scroll = i % 2 == 0;  // scroll, then idle back to run
+        std::string f = listView(scroll ? orv::ListView::Scroll : orv::ListView::Idle);
         long long t0 = e2eNowNs();
-        if (!s.server->sendAll(f) || !s.effect->waitFor(type == 1 ? '2' : '1')) return false;
+        if (!s.server->sendAll(f) || !s.effect->waitFor(scroll ? '2' : '1')) return false;
         out.stats.v.push_back(static_cast<double>(e2eNowNs() - t0) / 1000.0);
     }
     out.cpu.ns += s.server->cpuNs() - c0;
@@ -150,8 +154,9 @@ bool latencyBlock(Subject& s, int events, Side& out) {
 // `events` state changes written back to back, ended by a fling whose write marks the end.
 bool pipelineBlock(Subject& s, int events, Side& out) {
     std::string batch;
-    for (int i = 0; i < events; ++i) batch += listView(i % 2 == 0 ? 1 : 0);
-    batch += listView(2);
+    for (int i = 0; i < events; ++i)
+        batch += listView(i % 2 == 0 ? orv::ListView::Scroll : orv::ListView::Idle);
+    batch += listView(orv::ListView::Fling);
     long long c0 = s.server->cpuNs(), t0 = e2eNowNs();
     if (!s.server->sendAll(batch) || !s.effect->waitFor('3')) return false;
     long long t = e2eNowNs() - t0;
@@ -159,12 +164,12 @@ bool pipelineBlock(Subject& s, int events, Side& out) {
     out.cpu.events += events + 1;
     out.stats.v.push_back((events + 1) * 1e6 / static_cast<double>(t));
     s.events += events + 2;
-    return s.server->sendAll(listView(0)) && s.effect->waitFor('1') && markRss(s);
+    return s.server->sendAll(listView(orv::ListView::Idle)) && s.effect->waitFor('1') && markRss(s);
 }
 
 // Frames that change nothing: a process start for a pid that is already known.
 bool framingBlock(Subject& s, int count, Side& out) {
-    std::string one = frame(1, std::to_string(kPid) + ";" + kApp), batch;
+    std::string one = frame(orv::PROCESS_START, std::to_string(kPid) + ";" + kApp), batch;
     batch.reserve(one.size() * static_cast<size_t>(count));
     for (int i = 0; i < count; ++i) batch += one;
     long long c0 = s.server->cpuNs(), t0 = e2eNowNs();

@@ -3,13 +3,14 @@
 #include "daemon/core/OrvTimeoutWork.h"
 
 #include <cutils/sockets.h>
+#include <orv/protocol.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "daemon/core/OrvLog.h"
 
 namespace {
-const char kTimeoutMsg[] = "[500,0]";
+const std::string kTimeoutMsg = orv::frame(orv::TIMEOUT);
 }
 
 OrvTimeoutWork::OrvTimeoutWork() : OrvWork("TIMEOUT", false), mSocket(-1) {}
@@ -31,8 +32,8 @@ void OrvTimeoutWork::execute() {
             return;
         }
         ORV_LOGD("done\nconnecting socket...");
-        int ret = socket_local_client_connect(mSocket, "orvd", ANDROID_SOCKET_NAMESPACE_RESERVED,
-                                              SOCK_STREAM);
+        int ret = socket_local_client_connect(mSocket, orv::kSocketName,
+                                              ANDROID_SOCKET_NAMESPACE_RESERVED, SOCK_STREAM);
         if (ret < 0) {
             ALOGE("socket connect fail (ret=%d)\n", ret);
             close(mSocket);
@@ -43,8 +44,8 @@ void OrvTimeoutWork::execute() {
     // The daemon ignores SIGPIPE, so a vanished peer shows up here as a failed send.
     // A frame cut short would garble the stream: a short send counts as a failure, and closing
     // the connection lets the listener drop the part it got.
-    ssize_t ret = send(mSocket, kTimeoutMsg, sizeof(kTimeoutMsg) - 1, 0);
-    if (ret != static_cast<ssize_t>(sizeof(kTimeoutMsg) - 1)) {
+    ssize_t ret = send(mSocket, kTimeoutMsg.data(), kTimeoutMsg.size(), 0);
+    if (ret != static_cast<ssize_t>(kTimeoutMsg.size())) {
         ALOGE("TimeoutMsg send failed (ret=%d) (fd=%d)\n", static_cast<int>(ret), mSocket);
         close(mSocket);
         mSocket = -1;

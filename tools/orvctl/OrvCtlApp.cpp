@@ -98,7 +98,7 @@ int OrvCtlApp::run(int argc, char** argv) {
     return runCommand(cmd, words[0]);
 }
 
-bool OrvCtlApp::connect(OrvCtlConnection& conn) {
+bool OrvCtlApp::connect(OrvConnection& conn) {
     std::string error;
     const long long deadline = nowMs() + mWaitMs;
     // Only the first connection waits: once orvd answered, a later failure is news.
@@ -117,14 +117,14 @@ bool OrvCtlApp::connect(OrvCtlConnection& conn) {
 }
 
 int OrvCtlApp::query(int code, const std::string& payload, std::string& answer) {
-    OrvCtlConnection conn;
+    OrvConnection conn;
     if (!connect(conn)) return EXIT_UNREACHABLE;
     OrvCtlCommand cmd;
     cmd.code = code;
     cmd.payload = payload;
     cmd.expectsReply = true;
     std::string error;
-    if (!conn.sendFrame(OrvCtlCommand::frame(code, payload), error)) {
+    if (!conn.send(orv::frame(code, payload), error)) {
         fprintf(stderr, "orvctl: %s\n", error.c_str());
         return EXIT_UNREACHABLE;
     }
@@ -154,15 +154,14 @@ int OrvCtlApp::runCommand(const OrvCtlCommand& cmd, const std::string& label) {
             break;
     }
     if (mShared) return runMessage(*mShared, cmd, label);
-    OrvCtlConnection conn;
+    OrvConnection conn;
     if (!connect(conn)) return EXIT_UNREACHABLE;
     return runMessage(conn, cmd, label);
 }
 
-int OrvCtlApp::runMessage(OrvCtlConnection& conn, const OrvCtlCommand& cmd,
-                          const std::string& label) {
+int OrvCtlApp::runMessage(OrvConnection& conn, const OrvCtlCommand& cmd, const std::string& label) {
     std::string error;
-    if (!conn.sendFrame(OrvCtlCommand::frame(cmd.code, cmd.payload), error)) {
+    if (!conn.send(orv::frame(cmd.code, cmd.payload), error)) {
         fprintf(stderr, "orvctl: %s\n", error.c_str());
         return EXIT_UNREACHABLE;
     }
@@ -181,17 +180,20 @@ int OrvCtlApp::runMessage(OrvCtlConnection& conn, const OrvCtlCommand& cmd,
     return EXIT_OK;
 }
 
-int OrvCtlApp::readReply(OrvCtlConnection& conn, const OrvCtlCommand& cmd, const std::string& label,
+int OrvCtlApp::readReply(OrvConnection& conn, const OrvCtlCommand& cmd, const std::string& label,
                          int& code, std::string& text) {
-    switch (conn.readReply(mTimeoutMs, code, text)) {
-        case OrvCtlConnection::OK:
+    orv::Reply reply;
+    switch (conn.readReply(mTimeoutMs, reply)) {
+        case OrvConnection::OK:
+            code = reply.code;
+            text = std::move(reply.text);
             break;
-        case OrvCtlConnection::TIMED_OUT:
+        case OrvConnection::TIMED_OUT:
             fprintf(stderr, "orvctl: %s: no reply from orvd within %d ms\n", label.c_str(),
                     mTimeoutMs);
             return EXIT_NO_REPLY;
-        case OrvCtlConnection::CLOSED:
-        case OrvCtlConnection::FAILED:
+        case OrvConnection::CLOSED:
+        case OrvConnection::FAILED:
             fprintf(stderr, "orvctl: %s: the connection to orvd broke before a reply\n",
                     label.c_str());
             return EXIT_UNREACHABLE;
@@ -210,7 +212,7 @@ int OrvCtlApp::runReplay(const std::string& path) {
     if (r == OrvCtlTrace::UNREADABLE) return EXIT_REFUSED;
     if (r == OrvCtlTrace::BAD_LINES) return EXIT_USAGE;
 
-    OrvCtlConnection conn;
+    OrvConnection conn;
     if (!connect(conn)) return EXIT_UNREACHABLE;
     mShared = &conn;
     int status = EXIT_OK;

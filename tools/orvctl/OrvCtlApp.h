@@ -1,12 +1,12 @@
 #pragma once
 // orvctl's command line: options, one command, exit status.
+#include <orv/OrvConnection.h>
 #include <stdio.h>
 
 #include <string>
 #include <vector>
 
 #include "tools/orvctl/OrvCtlCommand.h"
-#include "tools/orvctl/OrvCtlConnection.h"
 
 class OrvCtlApp {
   public:
@@ -21,7 +21,7 @@ class OrvCtlApp {
     int run(int argc, char** argv);
 
     // Connects, first waiting up to --wait for the socket to answer; prints why it cannot.
-    bool connect(OrvCtlConnection& conn);
+    bool connect(OrvConnection& conn);
     // Sends one message that has a reply and returns the reply's text; EXIT_OK or the failure
     // after it was printed.
     int query(int code, const std::string& payload, std::string& answer);
@@ -32,10 +32,10 @@ class OrvCtlApp {
 
   private:
     int runCommand(const OrvCtlCommand& cmd, const std::string& label);
-    int runMessage(OrvCtlConnection& conn, const OrvCtlCommand& cmd, const std::string& label);
+    int runMessage(OrvConnection& conn, const OrvCtlCommand& cmd, const std::string& label);
     int runReplay(const std::string& path);
     // Reads one reply of `cmd` from `conn`; prints what went wrong.
-    int readReply(OrvCtlConnection& conn, const OrvCtlCommand& cmd, const std::string& label,
+    int readReply(OrvConnection& conn, const OrvCtlCommand& cmd, const std::string& label,
                   int& code, std::string& text);
 
     std::string mSocket;
@@ -43,5 +43,5 @@ class OrvCtlApp {
     int mTimeoutMs = 2000;
     int mWaitMs = 0;
     // A replay keeps one connection for all its lines, so its messages stay in order.
-    OrvCtlConnection* mShared = nullptr;
+    OrvConnection* mShared = nullptr;
 };

@@ -1,10 +1,10 @@
 #include "tools/orvctl/OrvCtlCommand.h"
 
 #include <errno.h>
+#include <orv/protocol.h>
 #include <stdlib.h>
 
 #include <map>
-#include <set>
 
 namespace {
 
@@ -24,29 +24,34 @@ bool toInt(const std::string& text, int& out) {
 struct Direct {
     const char* name;
     int code;
-    const char* lead;
+    const std::string* lead;
     std::vector<const char*> args;
 };
 
+// The fixed first fields: a launch has no pid yet; a query names its key's kind.
+const std::string kLaunchPid = std::to_string(orv::kPidLaunch);
+const std::string kByName = std::to_string(static_cast<int>(orv::QueryBy::Name));
+const std::string kByPid = std::to_string(static_cast<int>(orv::QueryBy::Pid));
+
 const Direct kDirect[] = {
-    {"dump", 900, nullptr, {}},
-    {"launch", 3, "-1", {"APP"}},
-    {"start", 3, nullptr, {"PID", "APP"}},
-    {"displayed", 4, nullptr, {"PID", "APP"}},
-    {"transit", 5, nullptr, {"FROM_PID", "FROM_APP", "TO_PID", "TO_APP"}},
-    {"proc-start", 1, nullptr, {"PID", "NAME"}},
-    {"proc-die", 2, nullptr, {"PID", "NAME"}},
-    {"gl-attach", 41, nullptr, {"PID", "TID"}},
-    {"gl-detach", 42, nullptr, {"PID", "TID"}},
-    {"wake", 303, nullptr, {}},
-    {"timeout", 500, nullptr, {}},
-    {"update", 301, nullptr, {"PATH"}},
-    {"event-mask", 400, "0", {"APP"}},
-    {"event-mask --pid", 400, "1", {"PID"}},
-    {"large-heap", 101, nullptr, {"PID"}},
-    {"heap-utilization", 102, nullptr, {"PID"}},
-    {"hw-accel", 103, nullptr, {"PID"}},
-    {"thermal-mask", 104, nullptr, {"APP"}},
+    {"dump", orv::DUMP_STATE, nullptr, {}},
+    {"launch", orv::ACTIVITY_START, &kLaunchPid, {"APP"}},
+    {"start", orv::ACTIVITY_START, nullptr, {"PID", "APP"}},
+    {"displayed", orv::ACTIVITY_DISPLAYED, nullptr, {"PID", "APP"}},
+    {"transit", orv::ACTIVITY_TRANSITION, nullptr, {"FROM_PID", "FROM_APP", "TO_PID", "TO_APP"}},
+    {"proc-start", orv::PROCESS_START, nullptr, {"PID", "NAME"}},
+    {"proc-die", orv::PROCESS_DIE, nullptr, {"PID", "NAME"}},
+    {"gl-attach", orv::GLTHREAD_ATTACH, nullptr, {"PID", "TID"}},
+    {"gl-detach", orv::GLTHREAD_DETTACH, nullptr, {"PID", "TID"}},
+    {"wake", orv::WAKING_UP, nullptr, {}},
+    {"timeout", orv::TIMEOUT, nullptr, {}},
+    {"update", orv::CONFIGURATION_UPDATE, nullptr, {"PATH"}},
+    {"event-mask", orv::CONFIGURATION_QUERY, &kByName, {"APP"}},
+    {"event-mask --pid", orv::CONFIGURATION_QUERY, &kByPid, {"PID"}},
+    {"large-heap", orv::DALVIK_LARGE_HEAP, nullptr, {"PID"}},
+    {"heap-utilization", orv::DALVIK_HEAP_UTILIZATION, nullptr, {"PID"}},
+    {"hw-accel", orv::HARDWARE_ACCELERATION, nullptr, {"PID"}},
+    {"thermal-mask", orv::DISABLE_THERMAL, nullptr, {"APP"}},
 };
 
 // Sub-typed events: "list scroll 1234" becomes code 33 with payload "1234;1"; the rotation
@@ -57,18 +62,36 @@ struct Sub {
     int type;  // -1: no payload
 };
 
+template <typename E>
+Sub typed(const char* word, int code, E type) {
+    return {word, code, static_cast<int>(type)};
+}
+Sub rotation(const char* word, orv::Rotate phase) {
+    return {word, static_cast<int>(phase), -1};
+}
+
 const std::map<std::string, std::vector<Sub>>& families() {
+    using orv::Gesture;
+    using orv::ListView;
+    using orv::Scale;
     static const std::map<std::string, std::vector<Sub>> table = {
-        {"list", {{"idle", 33, 0}, {"scroll", 33, 1}, {"fling", 33, 2}}},
+        {"list",
+         {typed("idle", orv::LIST_VIEW, ListView::Idle),
+          typed("scroll", orv::LIST_VIEW, ListView::Scroll),
+          typed("fling", orv::LIST_VIEW, ListView::Fling)}},
         {"gesture",
-         {{"down", 34, 0},
-          {"press", 34, 1},
-          {"tap", 34, 2},
-          {"scroll", 34, 3},
-          {"fling", 34, 4},
-          {"long-press", 34, 5}}},
-        {"scale", {{"start", 35, 0}, {"continue", 35, 1}, {"end", 35, 2}}},
-        {"rotate", {{"start", 21, -1}, {"anim-start", 22, -1}, {"anim-end", 23, -1}}},
+         {typed("down", orv::VIEW_GESTURE, Gesture::Down),
+          typed("press", orv::VIEW_GESTURE, Gesture::Press),
+          typed("tap", orv::VIEW_GESTURE, Gesture::Tap),
+          typed("scroll", orv::VIEW_GESTURE, Gesture::Scroll),
+          typed("fling", orv::VIEW_GESTURE, Gesture::Fling),
+          typed("long-press", orv::VIEW_GESTURE, Gesture::LongPress)}},
+        {"scale",
+         {typed("start", orv::SCALE, Scale::Start), typed("continue", orv::SCALE, Scale::Continue),
+          typed("end", orv::SCALE, Scale::End)}},
+        {"rotate",
+         {rotation("start", orv::Rotate::Start), rotation("anim-start", orv::Rotate::AnimationStart),
+          rotation("anim-end", orv::Rotate::AnimationEnd)}},
     };
     return table;
 }
@@ -87,7 +110,7 @@ void message(OrvCtlCommand& out, int code, const std::string& payload) {
     out.kind = OrvCtlCommand::MESSAGE;
     out.code = code;
     out.payload = payload;
-    out.expectsReply = OrvCtlCommand::codeHasReply(code, payload);
+    out.expectsReply = orv::expectsReply(code, payload);
 }
 
 // `args` are the words after the command's name.
@@ -96,7 +119,7 @@ bool parseDirect(const Direct& d, const std::vector<std::string>& args, OrvCtlCo
     std::string form = d.name;
     for (const char* a : d.args) form += std::string(" ") + a;
     if (args.size() != d.args.size()) return fail(error, "usage: " + form);
-    std::string payload = d.lead ? d.lead : "";
+    std::string payload = d.lead ? *d.lead : "";
     for (size_t i = 0; i < args.size(); ++i) {
         int v = 0;
         if (isNumberArg(d.args[i]) && !toInt(args[i], v))
@@ -128,21 +151,6 @@ bool parseFamily(const std::string& name, const std::vector<Sub>& subs,
 
 }  // namespace
 
-bool OrvCtlCommand::codeHasReply(int code, const std::string& payload) {
-    static const std::set<int> kSilent = {1,  2,  3,  4,  5,   21,  22,  23, 33,
-                                          34, 35, 41, 42, 301, 302, 303, 500};
-    // orvd answers a query only for the two types it knows (read, like orvd, with atoi).
-    if (code == 400) {
-        const int type = atoi(payload.c_str());
-        return type == 0 || type == 1;
-    }
-    return kSilent.count(code) == 0;
-}
-
-std::string OrvCtlCommand::frame(int code, const std::string& payload) {
-    return "[" + std::to_string(code) + "," + std::to_string(payload.size()) + "]" + payload;
-}
-
 bool OrvCtlCommand::parse(const std::vector<std::string>& w, bool inTrace, OrvCtlCommand& out,
                           std::string& error) {
     out = OrvCtlCommand();
@@ -171,7 +179,7 @@ bool OrvCtlCommand::parse(const std::vector<std::string>& w, bool inTrace, OrvCt
     if (cmd == "sleep") {
         int ms = 0;
         if (rest.empty()) {
-            message(out, 302, "");
+            message(out, orv::GOING_TO_SLEEP, "");
             return true;
         }
         if (!inTrace || rest.size() != 1)

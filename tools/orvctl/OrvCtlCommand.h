@@ -27,10 +27,6 @@ class OrvCtlCommand {
     // Parses `words` (the command name first). `inTrace` allows "sleep MS" and forbids "replay".
     static bool parse(const std::vector<std::string>& words, bool inTrace, OrvCtlCommand& out,
                       std::string& error);
-    // Whether orvd replies to a frame with this code and payload.
-    static bool codeHasReply(int code, const std::string& payload);
-    // The frame orvd reads: "[code,length]payload".
-    static std::string frame(int code, const std::string& payload);
     // The summary of every command for --help.
     static const char* usage();
 };

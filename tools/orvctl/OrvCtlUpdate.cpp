@@ -75,7 +75,7 @@ int OrvCtlUpdate::run(const std::vector<std::string>& args) {
         return OrvCtlApp::EXIT_REFUSED;
     }
     std::string dump;
-    int status = mApp.query(900, "", dump);
+    int status = mApp.query(orv::DUMP_STATE, "", dump);
     if (status != OrvCtlApp::EXIT_OK) return status;
     const std::string running = versionInDump(dump);
     const float current = running.empty() ? 0.0f : OrvJsonActionDB::parseVersion(running.c_str());
@@ -96,10 +96,10 @@ int OrvCtlUpdate::run(const std::vector<std::string>& args) {
 
     // Only what orvd logs from now on is its answer to this file.
     const size_t logStart = mApp.logPath().empty() ? 0 : readAll(mApp.logPath()).size();
-    OrvCtlConnection conn;
+    OrvConnection conn;
     if (!mApp.connect(conn)) return OrvCtlApp::EXIT_UNREACHABLE;
     std::string error;
-    if (!conn.sendFrame("[301," + std::to_string(path.size()) + "]" + path, error)) {
+    if (!conn.send(orv::frame(orv::CONFIGURATION_UPDATE, path), error)) {
         fprintf(stderr, "orvctl: %s\n", error.c_str());
         return OrvCtlApp::EXIT_UNREACHABLE;
     }

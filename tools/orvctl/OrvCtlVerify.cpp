@@ -45,23 +45,29 @@ std::vector<std::vector<std::string>> OrvCtlVerify::pathTo(const std::string& ap
     std::vector<std::vector<std::string>> steps;
     if (app.empty()) return steps;
     const std::string p = std::to_string(pid);
-    if (state == "launch") return {{"launch", app}};
+    if (state == orv::state::kLaunch) return {{"launch", app}};
     steps.push_back({"proc-start", p, app});
     if (glTid >= 0) steps.push_back({"gl-attach", p, std::to_string(glTid)});
     steps.push_back({"start", p, app});
-    if (state == "start") return steps;
+    if (state == orv::state::kStart) return steps;
     steps.push_back({"displayed", p, app});
+    namespace st = orv::state;
     static const std::map<std::string, std::vector<std::string>> kEntry = {
-        {"listview_scroll", {"list", "scroll"}}, {"listview_fling", {"list", "fling"}},
-        {"scale", {"scale", "start"}},           {"rotate", {"rotate", "start"}},
-        {"gesture_down", {"gesture", "down"}},   {"gesture_press", {"gesture", "press"}},
-        {"gesture_tap", {"gesture", "tap"}},     {"gesture_scroll", {"gesture", "scroll"}},
-        {"gesture_fling", {"gesture", "fling"}}, {"gesture_long_press", {"gesture", "long-press"}},
+        {st::kListViewScroll, {"list", "scroll"}},
+        {st::kListViewFling, {"list", "fling"}},
+        {st::kScale, {"scale", "start"}},
+        {st::kRotate, {"rotate", "start"}},
+        {st::kGestureDown, {"gesture", "down"}},
+        {st::kGesturePress, {"gesture", "press"}},
+        {st::kGestureTap, {"gesture", "tap"}},
+        {st::kGestureScroll, {"gesture", "scroll"}},
+        {st::kGestureFling, {"gesture", "fling"}},
+        {st::kGestureLongPress, {"gesture", "long-press"}},
     };
     auto it = kEntry.find(state);
     if (it != kEntry.end()) {
         std::vector<std::string> words = it->second;
-        if (state != "rotate") words.push_back(p);
+        if (state != orv::state::kRotate) words.push_back(p);
         steps.push_back(words);
     }
     return steps;
@@ -96,7 +102,7 @@ int OrvCtlVerify::run(const std::vector<std::string>& args) {
     }
     const std::string policy = args.empty() ? policyInForce() : args[0];
     std::string dump;
-    int status = mApp.query(900, "", dump);
+    int status = mApp.query(orv::DUMP_STATE, "", dump);
     if (status != OrvCtlApp::EXIT_OK) return status;
     const std::string app = dumpField(dump, "App"), state = dumpField(dump, "State");
 
@@ -108,7 +114,7 @@ int OrvCtlVerify::run(const std::vector<std::string>& args) {
         fprintf(stderr, "orvctl: verify: %s: %s\n", policy.c_str(), error.c_str());
         return OrvCtlApp::EXIT_REFUSED;
     }
-    const std::string where = app.empty() ? "reset" : app + " in " + state;
+    const std::string where = app.empty() ? orv::state::kReset : app + " in " + state;
     if (sim.context().mAppName != app || state != sim.context().mState->getStateNameStr())
         fprintf(stderr, "orvctl: verify: the policy does not lead to %s; compared with %s %s\n",
                 where.c_str(), sim.context().mAppName.c_str(),

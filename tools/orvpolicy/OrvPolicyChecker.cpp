@@ -1,9 +1,12 @@
 #include "tools/orvpolicy/OrvPolicyChecker.h"
 
+#include <orv/protocol.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include <algorithm>
+#include <functional>
+#include <iterator>
 #include <sstream>
 
 #include "policy/OrvGroupBounds.h"
@@ -23,8 +26,9 @@ bool isGestureState(const std::string& s) {
 
 // States the framework reports many times a minute.
 bool isFrequentState(const std::string& s) {
-    return isGestureState(s) || s == "listview_scroll" || s == "listview_fling" || s == "scale" ||
-           s == "rotate";
+    namespace st = orv::state;
+    return isGestureState(s) || s == st::kListViewScroll || s == st::kListViewFling ||
+           s == st::kScale || s == st::kRotate;
 }
 
 // The edit distance of two short names.
@@ -43,13 +47,7 @@ size_t distance(const std::string& a, const std::string& b) {
     return row[b.size()];
 }
 
-const std::vector<std::string> kStateNames = {"reset",          "launch",
-                                              "start",          "run",
-                                              "scale",          "listview_scroll",
-                                              "listview_fling", "rotate",
-                                              "gesture_down",   "gesture_press",
-                                              "gesture_tap",    "gesture_scroll",
-                                              "gesture_fling",  "gesture_long_press"};
+const std::vector<std::string> kStateNames(std::begin(orv::state::kAll), std::end(orv::state::kAll));
 
 std::string fmt(float v) {
     std::ostringstream os;

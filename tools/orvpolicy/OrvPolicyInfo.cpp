@@ -1,5 +1,6 @@
 #include "tools/orvpolicy/OrvPolicyInfo.h"
 
+#include <orv/protocol.h>
 #include <stdio.h>
 
 #include "tools/orvpolicy/OrvPolicyChecker.h"
@@ -109,19 +110,19 @@ std::string OrvPolicyInfo::formatApps() const {
     static const struct {
         const char* name;
         const char* head;
-    } kStates[] = {{"launch", "lnch"},
-                   {"start", "strt"},
-                   {"run", "run"},
-                   {"scale", "scal"},
-                   {"listview_scroll", "lscr"},
-                   {"listview_fling", "lfli"},
-                   {"rotate", "rota"},
-                   {"gesture_down", "down"},
-                   {"gesture_press", "pres"},
-                   {"gesture_tap", "tap"},
-                   {"gesture_scroll", "scro"},
-                   {"gesture_fling", "flin"},
-                   {"gesture_long_press", "long"}};
+    } kStates[] = {{orv::state::kLaunch, "lnch"},
+                   {orv::state::kStart, "strt"},
+                   {orv::state::kRun, "run"},
+                   {orv::state::kScale, "scal"},
+                   {orv::state::kListViewScroll, "lscr"},
+                   {orv::state::kListViewFling, "lfli"},
+                   {orv::state::kRotate, "rota"},
+                   {orv::state::kGestureDown, "down"},
+                   {orv::state::kGesturePress, "pres"},
+                   {orv::state::kGestureTap, "tap"},
+                   {orv::state::kGestureScroll, "scro"},
+                   {orv::state::kGestureFling, "flin"},
+                   {orv::state::kGestureLongPress, "long"}};
     static const struct {
         const char* key;
         char mark;

@@ -1,6 +1,7 @@
 #include "tools/sim/OrvSimulator.h"
 
 #include <cutils/properties.h>
+#include <orv/protocol.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -91,7 +92,7 @@ OrvSimulator::~OrvSimulator() {
 bool OrvSimulator::start(const std::string& policyPath, Step& first, std::string& error) {
     first = Step();
     first.event = "start";
-    first.fromState = first.toState = "reset";
+    first.fromState = first.toState = orv::state::kReset;
     OrvDevice::install(&mDevice);
     {
         std::lock_guard<std::mutex> lock(mLock);
@@ -149,7 +150,7 @@ std::vector<OrvSimulator::Step> OrvSimulator::run(const OrvCtlCommand& command,
     };
     switch (command.kind) {
         case OrvCtlCommand::MESSAGE:
-            if (command.code == 301)
+            if (command.code == orv::CONFIGURATION_UPDATE)
                 note("not simulated: the simulation keeps the policy it started with");
             else
                 steps.push_back(deliver(command.code, command.payload, text, command.expectsReply));
@@ -161,7 +162,7 @@ std::vector<OrvSimulator::Step> OrvSimulator::run(const OrvCtlCommand& command,
                 mNowMs = mDeadlineMs;
                 mArmed = false;
                 OrvTimer::getInstance().reset();
-                steps.push_back(deliver(500, "", "timeout", false));
+                steps.push_back(deliver(orv::TIMEOUT, "", "timeout", false));
             }
             mNowMs = until;
             break;
