@@ -1,6 +1,7 @@
 #define LOG_TAG "OrvActionManager"
 #include "policy/OrvStopAction.h"
 
+#include <orv/protocol.h>
 #include <pthread.h>
 #include <time.h>
 
@@ -35,7 +36,7 @@ struct OrvStopWait {
 };
 
 OrvStopAction::OrvStopAction(OrvStopWait* wait)
-    : OrvAction("", "reset", -1, -1, "on_stop"), mWait(wait) {}
+    : OrvAction("", orv::state::kReset, -1, -1, "on_stop"), mWait(wait) {}
 
 OrvStopAction::~OrvStopAction() {
     mWait->release();

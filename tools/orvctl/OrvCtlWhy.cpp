@@ -1,5 +1,6 @@
 #include "tools/orvctl/OrvCtlWhy.h"
 
+#include <orv/protocol.h>
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -96,7 +97,7 @@ std::vector<std::pair<std::string, std::vector<std::vector<std::string>>>> OrvCt
     if (timeout > 0)
         ends.push_back({"its time-out, " + std::to_string(timeout) + " ms after the state began",
                         {{"sleep", std::to_string(timeout)}}});
-    if (state == "launch" || state == "start")
+    if (state == orv::state::kLaunch || state == orv::state::kStart)
         ends.push_back({"the app displayed (the state's end)", {{"displayed", pid, app}}});
     else if (state == "scale")
         ends.push_back({"scale end (the state's end)", {{"scale", "end", pid}}});
@@ -132,7 +133,7 @@ int OrvCtlWhy::run(const std::vector<std::string>& args) {
         mJson = doc.json();
     }
     std::string dump;
-    int status = mApp.query(900, "", dump);
+    int status = mApp.query(orv::DUMP_STATE, "", dump);
     if (status != OrvCtlApp::EXIT_OK) return status;
 
     OrvSimulator sim(true);
@@ -153,8 +154,8 @@ int OrvCtlWhy::run(const std::vector<std::string>& args) {
         sim.context().mAppName == app && state == sim.context().mState->getStateNameStr();
     if (!reached)
         notes.push_back("the policy does not lead to " +
-                        (app.empty() ? "reset" : app + " in " + state) + "; the replay ended in " +
-                        sim.context().mState->getStateNameStr());
+                        (app.empty() ? std::string(orv::state::kReset) : app + " in " + state) +
+                        "; the replay ended in " + sim.context().mState->getStateNameStr());
     if (writer.found && writer.value != live)
         notes.push_back(
             "the device holds another value than that method wrote: something "
@@ -197,7 +198,7 @@ int OrvCtlWhy::run(const std::vector<std::string>& args) {
         return OrvCtlApp::EXIT_OK;
     }
     printf("%s = %s\n", mTarget.c_str(), quoted(live).c_str());
-    printf("  orvd is in %s\n", app.empty() ? "reset" : (app + " " + state).c_str());
+    printf("  orvd is in %s\n", app.empty() ? orv::state::kReset : (app + " " + state).c_str());
     if (writer.found)
         printf("  written %s by %s at %s\n", quoted(writer.value).c_str(), writer.method.c_str(),
                writer.place.c_str());
