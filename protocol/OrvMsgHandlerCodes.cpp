@@ -230,7 +230,7 @@ void OrvMsgHandler::consumeMsg(int code, const char* payload, SocketClient* clie
             binStr2UIntStr(param, answer);
             ORV_LOGD("param=%s, len=%d => thermal_mask=%s", param.c_str(),
                      static_cast<int>(param.size()), answer.c_str());
-            client->sendMsg(code, answer.c_str(), false, false);
+            reply(client, code, answer.c_str());
             break;
         }
         case CONFIGURATION_UPDATE: {
@@ -261,12 +261,12 @@ void OrvMsgHandler::consumeMsg(int code, const char* payload, SocketClient* clie
             std::string dump;
             // Only reachable before start-up in tools that drive the handler on its own.
             if (Orvello::mInstance) Orvello::mInstance->dumpState(dump);
-            client->sendMsg(code, dump.c_str(), false, false);
+            reply(client, code, dump.c_str());
             break;
         }
         default:
             ALOGE("undefined code(%d)|%s", code, payload);
-            client->sendMsg(code, "-1", false, false);
+            reply(client, code, "-1");
             break;
     }
 }
@@ -280,7 +280,7 @@ void OrvMsgHandler::replyAppParam(SocketClient* client, int code, int pid, const
         mActionManager->findAppParam(pname, param, answer);
     }
     ORV_LOGD("%s=%s", param, answer.c_str());
-    client->sendMsg(code, answer.c_str(), false, false);
+    reply(client, code, answer.c_str());
 }
 
 void OrvMsgHandler::onViewEvent(int code, int pid, int type) {
@@ -317,5 +317,5 @@ void OrvMsgHandler::onConfigurationQuery(int type, const std::string& key, Socke
     }
     ORV_LOGD("param=%s, len=%d => event_mask=%s", param.c_str(), static_cast<int>(param.size()),
              answer.c_str());
-    client->sendMsg(CONFIGURATION_QUERY, answer.c_str(), false, false);
+    reply(client, CONFIGURATION_QUERY, answer.c_str());
 }
