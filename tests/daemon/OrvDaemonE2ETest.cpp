@@ -74,7 +74,12 @@ class DaemonTest : public ::testing::Test {
     bool start(bool debug = false, bool wait = true) {
         if (debug) root.write("dev/__properties__/sys.orv.debug.daemon", "1");
         std::string err = root / "orvd.err";
+        // As init does from orvd.rc's "socket" line, where the check of the real platform asks.
+        const int handed = initSockets() && handOver && !getenv("ANDROID_SOCKET_orvd")
+                               ? initSocket(std::string(initSockets()) + "/orvd")
+                               : -1;
         if ((pid = fork()) == 0) {
+            if (handed >= 0) setenv("ANDROID_SOCKET_orvd", std::to_string(handed).c_str(), 1);
             dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
             // Programs the policy starts may outlive the daemon: keep them off the test's pipe.
             dup2(open("/dev/null", O_WRONLY), 1);
@@ -85,7 +90,22 @@ class DaemonTest : public ::testing::Test {
             execl(ORV_BIN_DIR "/orvd", "orvd", static_cast<char*>(nullptr));
             _exit(127);
         }
+        if (handed >= 0) close(handed);
         return !wait || pollUntil([&] { return Client().ok(); });
+    }
+    // Where init would create sockets; null: the platform creates its own (host stand-in).
+    static const char* initSockets() { return getenv("ORV_TEST_INIT_SOCKETS"); }
+    // Bound, mode 0660, not listening, inherited by the daemon: as init leaves it.
+    static int initSocket(const std::string& path) {
+        unlink(path.c_str());
+        sockaddr_un addr = {};
+        addr.sun_family = AF_UNIX;
+        strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+        int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
+            chmod(path.c_str(), 0660) != 0)
+            ADD_FAILURE() << "cannot create " << path;
+        return fd;
     }
     std::string log() const { return readFile(root / "orvd.err"); }
     bool logged(const std::string& part) const { return log().find(part) != std::string::npos; }
@@ -134,7 +154,8 @@ class DaemonTest : public ::testing::Test {
 
     orvtest::TempRoot root;
     int taken = -1;
-    rlim_t fdLimit = 0;  // soft and hard descriptor limit of the daemon; 0: as inherited
+    rlim_t fdLimit = 0;    // soft and hard descriptor limit of the daemon; 0: as inherited
+    bool handOver = true;  // where init makes sockets: whether it makes orvd's
     std::string node = root.write("sys/node", "---"),
                 db = root.write("data/orvpolicy", policy(node, "v1.0"));
     pid_t pid = -1;
@@ -262,21 +283,29 @@ TEST_F(DaemonTest, ParksWithoutAPolicyOrASocket) {
         const char* name;
         std::function<void()> prepare;
         const char* error;  // orvd's one line about it, if any
+        bool hostOnly;      // the host stand-in creates the socket itself
+        bool initOnly;      // only init creates it
     } rows[] = {
-        {"no policy", [this] { unlink(db.c_str()); }, nullptr},
+        {"no policy", [this] { unlink(db.c_str()); }, nullptr, false, false},
         // Another daemon already answers on the socket's name.
         {"socket taken", [this] { taken = takeSocket(root / "dev/socket/orvd"); },
-         "E OrvOrvello: cannot listen on socket \"orvd\" (Address already in use)"},
+         "E OrvOrvello: cannot listen on socket \"orvd\" (Address already in use)", true, false},
         // Handed over by the launcher, but not a socket: the daemon's standard error.
         {"not a socket", [] { setenv("ANDROID_SOCKET_orvd", "2", 1); },
-         "E OrvOrvello: cannot listen on socket \"orvd\" (Socket operation on non-socket)"},
+         "E OrvOrvello: cannot listen on socket \"orvd\" (Socket operation on non-socket)", false,
+         false},
+        // orvd.rc without its "socket" line.
+        {"no socket from init", [this] { handOver = false; },
+         "E OrvOrvello: cannot listen on socket \"orvd\" (not handed over by init)", false, true},
     };
     for (const auto& r : rows) {
+        if ((r.hostOnly && initSockets()) || (r.initOnly && !initSockets())) continue;
         SCOPED_TRACE(r.name);
         r.prepare();
         unlink((root / "orvd.err").c_str());  // the last row's log must not answer for this one
         start(false, false);
         unsetenv("ANDROID_SOCKET_orvd");
+        handOver = true;
         ASSERT_TRUE(waitLog("I OrvMain : disabled")) << log();
         EXPECT_EQ("false", property("sys.orv.enable"));
         EXPECT_TRUE(alive());
