@@ -5,7 +5,7 @@ CTEST_ARGS ?= --output-on-failure -j$(JOBS) --timeout 120
 # Rebuilds of the three configurations share one compiler cache when ccache is there.
 CMAKE_ARGS ?= $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 
-.PHONY: all deps build check check-asan check-tsan check-device demo demo-live bench bench-e2e fuzz soak format clean
+.PHONY: all deps build check check-asan check-tsan check-device check-real-platform demo demo-live bench bench-e2e fuzz soak format clean
 
 all: build
 
@@ -36,6 +36,11 @@ check-device:
 	@scripts/install-deps --device
 	@if [ -n "$$AOSP_SEPOLICY" ]; then scripts/install-deps --sepolicy; fi
 	scripts/check-device
+
+# The daemon on AOSP's real libsysutils/libcutils socket code from SYSTEM_CORE (a
+# platform/system/core tree or git directory); says that it skipped when none is given.
+check-real-platform:
+	scripts/check-real-platform "$(SYSTEM_CORE)"
 
 demo: build
 	scripts/demo $(BUILD)

@@ -4,6 +4,8 @@
 #include <errno.h>
 #include <orv/protocol.h>
 #include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include "daemon/core/OrvLog.h"
@@ -18,9 +20,28 @@ OrvListener::~OrvListener() {
     ORV_LOGD("destructor called");
 }
 
+// The platform writes a reply on the listener thread until all of it is taken: a client that
+// reads nothing would hold every other client, every event and the stop. Past this a reply is
+// given up and the client dropped; a client that reads its replies never comes near it.
+static const int kReplyTimeoutMs = 20;
+
+void OrvListener::admit(SocketClient* client) {
+    if (!mClients.insert(client).second) return;
+    timeval tv = {0, kReplyTimeoutMs * 1000};
+    if (setsockopt(client->getSocket(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) != 0)
+        ALOGW("client(fd=%d): no reply time-out (%s)", client->getSocket(), strerror(errno));
+}
+
+bool OrvListener::drop(SocketClient* client) {
+    mClients.erase(client);
+    if (mMsgHandler) mMsgHandler->forget(client);
+    return false;
+}
+
 bool OrvListener::onDataAvailable(SocketClient* client) {
     gWatch.start(">=========================");
     OrvLogUpdateToggle();
+    admit(client);
 
     // One byte short of the buffer so the data always ends in a NUL.
     char buffer[orv::kReadMax + 1];
@@ -32,17 +53,17 @@ bool OrvListener::onDataAvailable(SocketClient* client) {
     } while (count < 0 && errno == EINTR);
     if (count < 0) {
         ALOGE("read() failed (%s)", strerror(errno));
-        return false;
+        return drop(client);
     }
     if (count == 0) {
         ORV_LOGD("client(fd=%d) msg(0):", fd);
-        return false;
+        return drop(client);
     }
     if (count == static_cast<ssize_t>(sizeof(buffer) - 1)) {
         ALOGW("buffer may be too small. message may be cut this time.");
     }
     ORV_LOGD("client(fd=%d) msg(%d):%s", fd, static_cast<int>(count), buffer);
     if (!mMsgHandler) return true;
-    mMsgHandler->consume(buffer, static_cast<int>(count), client);
+    if (!mMsgHandler->consume(buffer, static_cast<int>(count), client)) return drop(client);
     return true;
 }

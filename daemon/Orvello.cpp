@@ -2,7 +2,11 @@
 #include "daemon/Orvello.h"
 
 #include <cutils/properties.h>
+#include <cutils/sockets.h>
+#include <errno.h>
 #include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
 
 #include "daemon/core/OrvLog.h"
 #include "daemon/core/OrvTimer.h"
@@ -10,13 +14,15 @@
 
 const char* ORV_PROP_ENABLE = "sys.orv.enable";
 
+static const char* kSocketName = "orvd";
+
 Orvello* Orvello::mInstance = nullptr;
 
 // Starting and stopping the listener happen on different threads (main, and the signal thread
 // at SIGINT); this orders them. Never destroyed: exit() may need it last.
 static pthread_mutex_t sListenerLock = PTHREAD_MUTEX_INITIALIZER;
 
-Orvello::Orvello() {
+Orvello::Orvello() : mListening(false) {
     ORV_LOGD("constructor called");
 }
 
@@ -29,7 +35,9 @@ Orvello::~Orvello() {
 
 void Orvello::detachEvents() {
     pthread_mutex_lock(&sListenerLock);
-    mListener.stopListener();
+    // The platform's stop is not idempotent and must not run without a start.
+    if (mListening) mListener.stopListener();
+    mListening = false;
     pthread_mutex_unlock(&sListenerLock);
     OrvTimer::getInstance().setTimeoutWork(nullptr);
 }
@@ -77,16 +85,35 @@ bool Orvello::init() {
     return true;
 }
 
-void Orvello::run() {
+bool Orvello::run() {
     ALOGI("run");
     if (!mInstance) {
         ALOGE("did not initiate");
-        return;
+        return true;
     }
     pthread_mutex_lock(&sListenerLock);
-    mInstance->mListener.startListener();
+    errno = 0;
+    const bool started = mInstance->mListener.startListener() == 0;
+    const int err = errno;
+    mInstance->mListening = started;
     pthread_mutex_unlock(&sListenerLock);
+    if (!started) {
+        listenerFailed(err);
+        return false;
+    }
     mInstance->mActionManager.waitDBUpdate();
+    return true;
+}
+
+// Nobody could ever reach the daemon: say why once, and no longer claim to be enabled.
+void Orvello::listenerFailed(int err) {
+    std::string var = std::string(ANDROID_SOCKET_ENV_PREFIX) + kSocketName;
+    // Only what the start itself set counts: an older errno would name the wrong cause.
+    const char* cause = err != 0               ? strerror(err)
+                        : !getenv(var.c_str()) ? "not handed over by init"
+                                               : "not a usable socket";
+    ALOGE("cannot listen on socket \"%s\" (%s)", kSocketName, cause);
+    property_set(ORV_PROP_ENABLE, "false");
 }
 
 void Orvello::dumpState(std::string& out) {

@@ -14,8 +14,9 @@ class Orvello {
   public:
     // true once the policy is loaded and everything is wired; false also on a second call.
     static bool init();
-    // Starts the socket listener and gives the calling thread to the update queue.
-    static void run();
+    // Starts the socket listener and gives the calling thread to the update queue. Returns
+    // false at once when the listener cannot start ("sys.orv.enable" is then "false").
+    static bool run();
     void dumpState(std::string& out);
     // Stops the listener thread and detaches the timer, so that no event reaches the daemon
     // any more. For the stop on SIGINT: exit() destroys function-local statics (the scenario's
@@ -31,6 +32,7 @@ class Orvello {
     Orvello();
     ~Orvello();
     void detachEvents();
+    static void listenerFailed(int err);
     Orvello(const Orvello&) = delete;
     Orvello& operator=(const Orvello&) = delete;
 
@@ -40,4 +42,5 @@ class Orvello {
     OrvListener mListener;
     OrvActionManager mActionManager;
     OrvTimeoutWork mTimeoutWork;
+    bool mListening;  // started and not yet stopped; under the listener lock
 };

@@ -107,7 +107,8 @@ void signal_callback_handler(int sig) {
     exit(sig);
 }
 
-// A daemon without a policy stays parked instead of being restarted over and over.
+// A daemon without a policy or without its socket stays parked instead of being restarted over
+// and over.
 void block_here() {
     ALOGI("disabled");
     pthread_mutex_t lock;
@@ -120,11 +121,21 @@ void block_here() {
     }
 }
 
+static const char kUsage[] = "usage: orvd [--version | --help]\n";
+
 int main(int argc, char** argv) {
-    // The only argument orvd knows; anything else is ignored as before.
-    if (argc == 2 && strcmp(argv[1], "--version") == 0) {
-        printf("orvd %s\n", ORV_VERSION);
-        return 0;
+    // init starts orvd without arguments; anything else is a person at a shell.
+    if (argc > 1) {
+        if (argc == 2 && strcmp(argv[1], "--version") == 0) {
+            printf("orvd %s\n", ORV_VERSION);
+            return 0;
+        }
+        if (argc == 2 && strcmp(argv[1], "--help") == 0) {
+            fputs(kUsage, stdout);
+            return 0;
+        }
+        fputs(kUsage, stderr);
+        return 2;
     }
     ALOGI("start");
     raiseDescriptorLimit();
@@ -145,7 +156,9 @@ int main(int argc, char** argv) {
     if (!ready) {
         block_here();
     }
-    Orvello::run();
+    if (!Orvello::run()) {
+        block_here();
+    }
     ALOGE("Hello! You should NEVER see this line printed.");
     return 0;
 }

@@ -5,11 +5,12 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sysutils/SocketClient.h>
 
 #include "daemon/core/OrvLog.h"
 #include "protocol/OrvAtoi.h"
 
-OrvMsgHandler::OrvMsgHandler() : mContext(nullptr), mActionManager(nullptr) {
+OrvMsgHandler::OrvMsgHandler() : mContext(nullptr), mActionManager(nullptr), mReplyFailed(false) {
     ORV_LOGD("constructor called");
 }
 
@@ -17,16 +18,12 @@ OrvMsgHandler::~OrvMsgHandler() {
     ORV_LOGD("destructor called");
 }
 
-// One buffer for the whole process: a partial frame left by one client is completed (or spoiled)
-// by whatever arrives next, from any client. Built before the daemon object so that it is
-// destroyed after it, once the daemon has stopped the listener thread that writes to it.
-static std::string msgBuf;
-
-// A header that never completes keeps every later byte of every client; past this the buffer is
+// A header that never completes keeps every later byte of its client; past this the buffer is
 // dropped like a broken message instead of growing until memory runs out.
 static const size_t kMsgBufMax = 1u << 20;
 
-void OrvMsgHandler::consume(const char* data, int len, SocketClient* client) {
+bool OrvMsgHandler::consume(const char* data, int len, SocketClient* client) {
+    std::string& msgBuf = mFrames[client];
     if (!msgBuf.empty()) {
         ALOGW("msgBuf is not empty");
     }
@@ -34,14 +31,26 @@ void OrvMsgHandler::consume(const char* data, int len, SocketClient* client) {
         ALOGE("msg parser error: msgBuf would pass %zu bytes", kMsgBufMax);
         ALOGE("msg parser error: clear msg");
         msgBuf.clear();
-        if (static_cast<size_t>(len) > kMsgBufMax) return;
+        if (static_cast<size_t>(len) > kMsgBufMax) return true;
     }
     if (len > 0) {
         msgBuf.append(data, len);
     }
     ORV_LOGD("consume(msg=%s), msgBuf=%s", data, msgBuf.c_str());
-    size_t used = cutFrames(client);
+    mReplyFailed = false;
+    size_t used = cutFrames(msgBuf, client);
     msgBuf.erase(0, used);
+    return !mReplyFailed;
+}
+
+void OrvMsgHandler::forget(const SocketClient* client) {
+    mFrames.erase(client);
+}
+
+void OrvMsgHandler::reply(SocketClient* client, int code, const char* text) {
+    if (client->sendMsg(code, text, false, false) == 0) return;
+    mReplyFailed = true;
+    ALOGW("client(fd=%d) takes no replies: dropped", client->getSocket());
 }
 
 // Where `c` first is at or after `from`; npos when it is not. std::string::find without the call
@@ -54,9 +63,9 @@ static size_t findFrom(const std::string& text, char c, size_t from) {
 
 // Frames are cut where they lie: `at` marks the start of what is left, and only a frame's end is
 // NUL-terminated for the moment its handler runs. Returns how many leading bytes were used up.
-size_t OrvMsgHandler::cutFrames(SocketClient* client) {
+size_t OrvMsgHandler::cutFrames(std::string& msgBuf, SocketClient* client) {
     size_t at = 0;
-    while (at < msgBuf.size()) {
+    while (at < msgBuf.size() && !mReplyFailed) {
         const char* rest = msgBuf.c_str() + at;
         size_t open = findFrom(msgBuf, '[', at);
         if (open == std::string::npos) {

@@ -16,8 +16,11 @@ class OrvMsgHandler {
     OrvMsgHandler(const OrvMsgHandler&) = delete;
     OrvMsgHandler& operator=(const OrvMsgHandler&) = delete;
 
-    // `data` holds `len` bytes followed by a NUL.
-    void consume(const char* data, int len, SocketClient* client);
+    // `data` holds `len` bytes followed by a NUL. false when a reply to `client` could not be
+    // delivered: the client is then to be dropped, and the rest of its bytes are not handled.
+    bool consume(const char* data, int len, SocketClient* client);
+    // The client's connection has ended: its partial frame goes with it.
+    void forget(const SocketClient* client);
     void consumeMsg(int code, const char* payload, SocketClient* client);
 
     const char* getPNameByPid(int pid);
@@ -32,7 +35,9 @@ class OrvMsgHandler {
     void setActionManager(OrvActionManager* manager) { mActionManager = manager; }
 
   private:
-    size_t cutFrames(SocketClient* client);
+    size_t cutFrames(std::string& buf, SocketClient* client);
+    // Every reply goes out here; a failed one marks the client as undeliverable.
+    void reply(SocketClient* client, int code, const char* text);
     // LIST_VIEW, VIEW_GESTURE and SCALE by their type.
     void onViewEvent(int code, int pid, int type);
     // Answers a parameter of the app that runs as `pid`, `fallback` when there is none.
@@ -45,4 +50,7 @@ class OrvMsgHandler {
     OrvActionManager* mActionManager;
     std::unordered_map<int, std::string> mPidNameMap;
     std::unordered_map<int, int> mGLTidMap;
+    // Each connection's partial frame, from its first arrival until it closes.
+    std::unordered_map<const SocketClient*, std::string> mFrames;
+    bool mReplyFailed;
 };

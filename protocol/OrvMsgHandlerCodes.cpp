@@ -208,7 +208,7 @@ void OrvMsgHandler::consumeMsg(int code, const char* payload, SocketClient* clie
             binStr2UIntStr(param, answer);
             ORV_LOGD("param=%s, len=%d => thermal_mask=%s", param.c_str(),
                      static_cast<int>(param.size()), answer.c_str());
-            client->sendMsg(code, answer.c_str(), false, false);
+            reply(client, code, answer.c_str());
             break;
         }
         case CONFIGURATION_UPDATE: {
@@ -239,12 +239,12 @@ void OrvMsgHandler::consumeMsg(int code, const char* payload, SocketClient* clie
             std::string dump;
             // Only reachable before start-up in tools that drive the handler on its own.
             if (Orvello::mInstance) Orvello::mInstance->dumpState(dump);
-            client->sendMsg(code, dump.c_str(), false, false);
+            reply(client, code, dump.c_str());
             break;
         }
         default:
             ALOGE("undefined code(%d)|%s", code, payload);
-            client->sendMsg(code, kUnknownCodeAnswer, false, false);
+            reply(client, code, kUnknownCodeAnswer);
             break;
     }
 }
@@ -258,7 +258,7 @@ void OrvMsgHandler::replyAppParam(SocketClient* client, int code, int pid, const
         mActionManager->findAppParam(pname, param, answer);
     }
     ORV_LOGD("%s=%s", param, answer.c_str());
-    client->sendMsg(code, answer.c_str(), false, false);
+    reply(client, code, answer.c_str());
 }
 
 void OrvMsgHandler::onViewEvent(int code, int pid, int type) {
@@ -295,5 +295,5 @@ void OrvMsgHandler::onConfigurationQuery(int type, const std::string& key, Socke
     }
     ORV_LOGD("param=%s, len=%d => event_mask=%s", param.c_str(), static_cast<int>(param.size()),
              answer.c_str());
-    client->sendMsg(CONFIGURATION_QUERY, answer.c_str(), false, false);
+    reply(client, CONFIGURATION_QUERY, answer.c_str());
 }

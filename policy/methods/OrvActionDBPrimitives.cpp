@@ -8,7 +8,10 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
+
+#include <atomic>
 
 #include "daemon/core/OrvLog.h"
 #include "policy/OrvActionDB.h"
@@ -129,7 +132,28 @@ void OrvActionDB::shell(const char* program, const char* arguments, int timeoutM
     }
 }
 
-// The descriptors below stay open: every execution opens the node afresh, as drivers expect.
+// Descriptors the ioctl methods must leave free: the platform's listener that runs out of them
+// stops serving every client for good.
+static const rlim_t kClientHeadroom = 64;
+
+// Whether `fd` may stay open for the daemon's life, as drivers expect of an ioctl's node; near
+// the descriptor limit the node is closed after use instead, said once.
+static bool keepIoctlDescriptor(int fd) {
+    static const rlim_t limit = [] {
+        rlimit rl;
+        return getrlimit(RLIMIT_NOFILE, &rl) == 0 ? rl.rlim_cur : RLIM_INFINITY;
+    }();
+    if (limit == RLIM_INFINITY || static_cast<rlim_t>(fd) + kClientHeadroom < limit) return true;
+    static std::atomic<bool> warned{false};
+    if (!warned.exchange(true)) {
+        ALOGW("descriptor %d of %llu: ioctl nodes are opened per use from now on", fd,
+              static_cast<unsigned long long>(limit));
+    }
+    return false;
+}
+
+// The descriptors below stay open while there is room: every execution opens the node afresh,
+// as drivers expect.
 int OrvActionDB::writeIoctl(const char* path, OrvIoctlCfg& cfg, void* arg) {
     OrvDevice& device = OrvDevice::get();
     int fd = device.open(path, O_RDWR | O_CLOEXEC);
@@ -157,10 +181,12 @@ int OrvActionDB::writeIoctl(const char* path, OrvIoctlCfg& cfg, void* arg) {
             break;
         default:
             ALOGE("Invalid ioctl dir(%d) @%s", cfg.dir, getCurActionInfoStr().c_str());
+            if (!keepIoctlDescriptor(fd)) device.close(fd);
             return 1;
     }
     int ret = device.ioctl(fd, request, arg);
     int err = errno;
+    if (!keepIoctlDescriptor(fd)) device.close(fd);
     ORV_LOGD("ioctl return = %d @%s", ret, getCurActionInfoStr().c_str());
     if (ret < 0) {
         ALOGE("ioctl{path:%s dir:%d type:%d nr:%d size:%d param_type:%s} (ret=%d, errno=%d) @%s",
@@ -182,6 +208,7 @@ void OrvActionDB::writeOrvIoctl(const char* path, int cmd, const char* value) {
     uint32_t request = 0x40047800u | static_cast<uint32_t>(cmd);
     int ret = device.ioctl(fd, request, const_cast<char*>(value));
     int err = errno;
+    if (!keepIoctlDescriptor(fd)) device.close(fd);
     ORV_LOGD("ioctl return = %d @%s", ret, getCurActionInfoStr().c_str());
     if (ret < 0) {
         ALOGE("orv_ioctl{path:%s cmd:%d value:%s} (ret=%d, errno=%d) @%s", path, cmd, value, ret,

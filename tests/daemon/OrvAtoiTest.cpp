@@ -29,8 +29,7 @@ TEST(OrvAtoi, EdgesOfAtoi) {
         "+-3",
         "-+3",
         " \t\n\v\f\r-7",
-        "\x1c"
-        "5",
+        "\x1c\x35",  // a file separator, then '5'
         "+0",
         "-0",
         "007",

@@ -1,5 +1,6 @@
 // Framing of arrivals into frames and the code table, through a real SocketClient on a
 // socketpair so that replies can be read back.
+#include <string.h>
 #include <sys/socket.h>
 #include <sysutils/SocketClient.h>
 #include <unistd.h>
@@ -81,7 +82,6 @@ const FramingRow kFraming[] = {
 };
 // clang-format on
 
-// Every case runs in a process of its own, so the process-wide reassembly buffer starts empty.
 class FramingTest : public ::testing::TestWithParam<FramingRow> {
   protected:
     orvtest::TempRoot root;
@@ -228,6 +228,71 @@ TEST_F(Trace, AStalledHeaderHoldsAtMostOneMebibyte) {
     w.feed("[999,0]");
     EXPECT_EQ(undefined("999"), w.replies());
     EXPECT_EQ(0, log.count("msgBuf is not empty"));
+}
+
+}  // namespace
+
+namespace {
+
+// Each connection keeps its own partial frame: arrivals of two clients interleave, split inside
+// headers and payloads, and one client's garbage or stalled header never reaches the other.
+// A closed connection's partial frame goes with it.
+TEST(PerClientFraming, InterleavedArrivalsStayWithTheirClient) {
+    orvtest::TempRoot root;
+    orvtest::LogCapture log;
+    Wire a;
+    int fds[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
+    auto* b = new SocketClient(fds[0], true);
+    auto replies = [&](SocketClient* c) {
+        std::string out;
+        char buf[256];
+        const int fd = c == &a.client ? a.fds[1] : fds[1];
+        for (ssize_t n; (n = recv(fd, buf, sizeof(buf), MSG_DONTWAIT)) > 0;) out.append(buf, n);
+        return out;
+    };
+    const struct {
+        SocketClient* client;
+        const char* bytes;
+        std::string replyA, replyB;  // what each client has received after this arrival
+    } steps[] = {
+        {&a.client, "[7,3]a", "", ""},
+        {b, "[8", "", ""},
+        {&a.client, "bc[9", undefined("7"), ""},
+        {b, ",2]xy", "", undefined("8")},
+        {&a.client, ",0]", undefined("9"), ""},
+        // Garbage, then a header that never completes, only on b.
+        {b, "zz[5,-2]x", "", ""},
+        {&a.client, "[10,1]", "", ""},
+        {b, "[11,0]", "", ""},
+        {&a.client, "q", undefined("10"), ""},
+    };
+    for (const auto& s : steps) {
+        SCOPED_TRACE(s.bytes);
+        EXPECT_TRUE(a.h.consume(s.bytes, static_cast<int>(strlen(s.bytes)), s.client));
+        EXPECT_EQ(s.replyA, replies(&a.client));
+        EXPECT_EQ(s.replyB, replies(b));
+    }
+    // Forgetting the connection takes its stalled header with it.
+    a.h.forget(b);
+    EXPECT_TRUE(a.h.consume("[12,0]", 6, b));
+    EXPECT_EQ(undefined("12"), replies(b));
+    a.h.forget(b);
+    b->decRef();
+    close(fds[1]);
+}
+
+// A reply the client does not take fails the arrival: the frames after it are left alone.
+TEST(PerClientFraming, AnUndeliverableReplyStopsTheArrival) {
+    orvtest::TempRoot root;
+    orvtest::LogCapture log;
+    orvtest::setDebug(true);
+    Wire w;
+    close(w.fds[1]);
+    w.fds[1] = -1;
+    EXPECT_FALSE(w.h.consume("[7,0][302,0]", 12, &w.client));
+    EXPECT_EQ(1, log.countContaining(") takes no replies: dropped", "OrvMsgHandler"));
+    EXPECT_EQ(0, log.countContaining("GOING_TO_SLEEP"));
 }
 
 }  // namespace

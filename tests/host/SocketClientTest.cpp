@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/OrvTestSupport.h"
+
 namespace {
 
 class SocketPair : public ::testing::Test {
@@ -80,49 +82,36 @@ TEST_F(SocketPair, ClosedPeerFailsWithoutSigpipe) {
     close(mFds[1]);
     mFds[1] = -1;
     EXPECT_EQ(-1, client.sendMsg(200, "anyone?", false));
-    EXPECT_EQ(-1, client.sendMsg(std::string(300000, 'x').c_str()));
+    EXPECT_EQ(-1, client.sendMsg(std::string(3000, 'x').c_str()));
 }
 
-// The binary forms: the code's own bytes; "%.3d" and NUL, big-endian length, data; a vector.
-TEST_F(SocketPair, CodeBinaryAndVectorWireBytes) {
-    using S = std::string;
-    SocketClient client(mFds[0], true);
-    const int code = 0x01020304;
-    ASSERT_EQ(0, client.sendCode(code));
-    EXPECT_EQ(S(reinterpret_cast<const char*>(&code), sizeof(code)), readBytes(sizeof(code)));
+// A send blocks until all is written: a non-blocking socket that is full, or a send time-out
+// that passes, fails the reply with a warning instead of queueing or waiting on.
+TEST_F(SocketPair, FullSocketFailsTheSendWithAWarning) {
+    const std::string big(1 << 20, 'x');
     const struct {
-        int code;
-        const char* data;
-        int len;
-        S wire;
+        const char* what;
+        bool nonBlocking;
+        int timeoutMs;
     } rows[] = {
-        {7, "abc", 3, S("007\0\0\0\0\3abc", 11)},
-        {200, "", 0, S("200\0\0\0\0\0", 8)},
-        {1234, nullptr, 0, S("123\0\0\0\0\0", 8)},
-        {-5, "\0x", 2, S("-00\0\0\0\0\2\0x", 10)},
+        {"non-blocking", true, 0},
+        {"send time-out", false, 200},
     };
     for (const auto& r : rows) {
-        ASSERT_EQ(0, client.sendBinaryMsg(r.code, r.data, r.len)) << r.code;
-        EXPECT_EQ(r.wire, readBytes(r.wire.size())) << r.code;
-    }
-    EXPECT_EQ(-1, client.sendBinaryMsg(1, nullptr, 3));
-    char ab[] = "ab", cd[] = "cd";
-    iovec vec[] = {{ab, 2}, {nullptr, 0}, {cd, 2}};
-    ASSERT_EQ(0, client.sendDatav(vec, 3));
-    EXPECT_EQ("abcd", readBytes(4));
-}
-
-TEST(SocketClientQuote, EscapesQuotesAndBackslashes) {
-    const std::pair<const char*, const char*> rows[] = {
-        {"", R"("")"},
-        {"a b", R"("a b")"},
-        {R"(say "hi")", R"("say \"hi\"")"},
-        {R"(C:\x\)", R"("C:\\x\\")"},
-    };
-    for (const auto& [arg, quoted] : rows) {
-        char* q = SocketClient::quoteArg(arg);
-        EXPECT_STREQ(quoted, q) << arg;
-        free(q);
+        int fds[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
+        if (r.nonBlocking) fcntl(fds[0], F_SETFL, O_NONBLOCK);
+        timeval tv = {0, r.timeoutMs * 1000};
+        setsockopt(fds[0], SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
+        orvtest::LogCapture log;
+        SocketClient client(fds[0], true);
+        EXPECT_EQ(-1, client.sendMsg(big.c_str())) << r.what;
+        EXPECT_TRUE(errno == EAGAIN || errno == EWOULDBLOCK) << r.what;
+        auto warnings = log.texts("SocketClient");
+        ASSERT_EQ(2u, warnings.size()) << r.what;
+        EXPECT_EQ("write error (Resource temporarily unavailable)", warnings[0]);
+        EXPECT_EQ(0u, warnings[1].find("Unable to send msg 'xxx")) << warnings[1].substr(0, 40);
+        close(fds[1]);
     }
 }
 

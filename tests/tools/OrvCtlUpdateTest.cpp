@@ -15,6 +15,29 @@ TEST(Tools, PrintTheirVersion) {
     }
 }
 
+// orvd answers what it knows and refuses the rest before anything starts: no log, no socket.
+TEST(Tools, OrvdArguments) {
+    TempRoot root;
+    const std::string usage = "usage: orvd [--version | --help]\n";
+    const struct {
+        const char* args;
+        int status;
+        std::string out, err;
+    } rows[] = {
+        {"--help", 0, usage, ""},
+        {"--bogus", 2, "", usage},
+        {"--version --help", 2, "", usage},
+        {"''", 2, "", usage},  // an empty argument is still one
+    };
+    for (const auto& r : rows) {
+        ToolResult got = runTool(root, "orvd", r.args);
+        EXPECT_EQ(r.status, got.status) << r.args;
+        EXPECT_EQ(r.out, got.out) << r.args;
+        EXPECT_EQ(r.err, got.err) << r.args;
+    }
+    EXPECT_FALSE(std::filesystem::exists(root / "dev/socket/orvd"));
+}
+
 TEST(OrvCtlWait, WaitsForADaemonThatIsStillStarting) {
     TempRoot root;
     ASSERT_TRUE(installExamplePolicy(root));

@@ -11,10 +11,6 @@ namespace orvhost {
 // when poll itself failed or `timeoutMs` (-1: none) passed.
 short waitFor(int fd, short events, int timeoutMs = -1);
 
-// How long a reply on a non-blocking socket that no listener serves may wait for the peer to
-// make room (a listener's clients queue their replies instead).
-constexpr int kClientSendTimeoutMs = 1000;
-
 // Writes all `len` bytes, riding out EINTR and short writes.
 bool writeAll(int fd, const void* data, size_t len);
 

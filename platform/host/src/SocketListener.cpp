@@ -21,8 +21,9 @@
 namespace {
 
 constexpr int kDefaultBacklog = 4;
-// After a hard accept failure (out of descriptors), how long the listening socket rests.
-constexpr int kAcceptPauseMs = 100;
+// What the control pipe carries.
+constexpr char kCtrlShutdown = 0;
+constexpr char kCtrlWakeup = 1;
 
 // True when something accepts connections on the socket file.
 bool isLive(const sockaddr_un& addr, socklen_t addrLen) {
@@ -55,14 +56,16 @@ SocketListener::SocketListener(int socketFd, bool listen)
       mSockIno(0),
       mCtrlPipe{-1, -1},
       mThread(),
-      mThreadStarted(false),
-      mSpareFd(-1),
-      mOutOfFds(false) {
+      mThreadStarted(false) {
     pthread_mutex_init(&mClientsLock, nullptr);
 }
 
 SocketListener::~SocketListener() {
-    if (mThreadStarted) stopListener();
+    if (mThreadStarted) {
+        // The platform's destructor would free what its thread still uses.
+        ALOGE("destroyed while the listener thread runs");
+        stopListener();
+    }
     releaseClients();
     closeSocket();
     pthread_mutex_destroy(&mClientsLock);
@@ -75,39 +78,64 @@ int SocketListener::startListener() {
 int SocketListener::startListener(int backlog) {
     if (mThreadStarted) {
         ALOGE("listener already started");
+        errno = EBUSY;
         return -1;
     }
-    if (openSocket(backlog) != 0) {
-        releaseClients();
-        closeSocket();
+    if (!mSocketName && mSock < 0) {
+        ALOGE("Failed to start unbound listener");
+        errno = EINVAL;
         return -1;
     }
-    // Non-blocking: a client queueing a reply must never wait for the listener.
-    int err = pipe2(mCtrlPipe, O_CLOEXEC | O_NONBLOCK) != 0 ? errno : 0;
-    if (err == 0) {
+    if (mSocketName) {
+        int fd = android_get_control_socket(mSocketName);
+        std::string var = std::string(ANDROID_SOCKET_ENV_PREFIX) + mSocketName;
+        if (fd < 0 && getenv(var.c_str())) {
+            // Handed over but unusable: the platform fails here too.
+            errno = ENOTSOCK;
+            ALOGE("Obtaining file descriptor socket '%s' failed: %s", mSocketName, strerror(errno));
+            return -1;
+        }
+        if (fd < 0) {
+            // Host convenience: on a device only init creates the socket.
+            fd = createSocket(orvhost_path(ANDROID_SOCKET_DIR "/") + mSocketName);
+            if (fd < 0) return -1;
+        }
+        mSock = fd;
+        mSockOwned = true;
+        fcntl(mSock, F_SETFD, FD_CLOEXEC);
+    }
+    int err = 0;
+    if (mListen && listen(mSock, backlog) != 0) {
+        err = errno;
+        ALOGE("Unable to listen on socket (%s)", strerror(err));
+    } else if (pipe2(mCtrlPipe, O_CLOEXEC) != 0) {
+        err = errno;
+        ALOGE("pipe failed (%s)", strerror(err));
+    } else {
+        if (!mListen) {
+            pthread_mutex_lock(&mClientsLock);
+            mClients.push_front(new SocketClient(mSock, false, mUseCmdNum));
+            pthread_mutex_unlock(&mClientsLock);
+        }
         err = pthread_create(&mThread, nullptr, threadStart, this);
-        if (err != 0) closeCtrlPipe();
+        if (err != 0) {
+            ALOGE("pthread_create (%s)", strerror(err));
+            close(mCtrlPipe[0]);
+            close(mCtrlPipe[1]);
+            mCtrlPipe[0] = mCtrlPipe[1] = -1;
+        }
     }
     if (err != 0) {
-        ALOGE("cannot start the listener thread (%s)", strerror(err));
-        mCtrlPipe[0] = mCtrlPipe[1] = -1;
         releaseClients();
         closeSocket();
+        errno = err;
         return -1;
     }
     mThreadStarted = true;
     return 0;
 }
 
-void SocketListener::closeCtrlPipe() {
-    close(mCtrlPipe[0]);
-    close(mCtrlPipe[1]);
-    mCtrlPipe[0] = mCtrlPipe[1] = -1;
-}
-
 void SocketListener::closeSocket() {
-    if (mSpareFd >= 0) close(mSpareFd);
-    mSpareFd = -1;
     if (mSockOwned && mSock >= 0) {
         close(mSock);
         mSock = -1;
@@ -122,106 +150,69 @@ void SocketListener::closeSocket() {
     }
 }
 
-int SocketListener::openSocket(int backlog) {
-    if (mSocketName && mSock < 0) {
-        int fd = android_get_control_socket(mSocketName);
-        if (fd < 0) {
-            std::string var = std::string(ANDROID_SOCKET_ENV_PREFIX) + mSocketName;
-            if (getenv(var.c_str())) ALOGW("%s is not a socket; creating one", var.c_str());
-            fd = createSocket(orvhost_path(ANDROID_SOCKET_DIR "/") + mSocketName);
-            if (fd < 0) return -1;
-        }
-        mSock = fd;
-        mSockOwned = true;
-    }
-    if (mSock < 0) {
-        ALOGE("no socket to serve");
-        return -1;
-    }
-    if (!mListen) {
-        pthread_mutex_lock(&mClientsLock);
-        mClients.push_back(new SocketClient(mSock, false, mUseCmdNum));
-        pthread_mutex_unlock(&mClientsLock);
-        return 0;
-    }
-    if (listen(mSock, backlog) != 0) {
-        ALOGE("listen failed (%s)", strerror(errno));
-        return -1;
-    }
-    // The thread only accepts after poll; non-blocking keeps a lost race from stalling it.
-    int flags = fcntl(mSock, F_GETFL);
-    if (flags >= 0) fcntl(mSock, F_SETFL, flags | O_NONBLOCK);
-    mSpareFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    return 0;
-}
-
+// -1 with errno set to the cause when the socket cannot be had; the cause is logged once.
 int SocketListener::createSocket(const std::string& path) {
     sockaddr_un addr;
     socklen_t addrLen = 0;
+    const char* what = "bind";
+    int err = 0, fd = -1;
     if (!orvhost::fillAddress(path, &addr, &addrLen)) {
-        ALOGE("socket path too long: %s", path.c_str());
-        return -1;
-    }
-    if (!orvhost::makeDirs(path.substr(0, path.rfind('/')))) {
-        ALOGE("cannot create the directory of %s (%s)", path.c_str(), strerror(errno));
-        return -1;
-    }
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        ALOGE("socket failed (%s)", strerror(errno));
-        return -1;
-    }
-    const sockaddr* sa = reinterpret_cast<const sockaddr*>(&addr);
-    int rc = bind(fd, sa, addrLen);
-    if (rc != 0 && errno == EADDRINUSE) {
+        err = ENAMETOOLONG;
+    } else if (!orvhost::makeDirs(path.substr(0, path.rfind('/')))) {
+        what = "mkdir";
+        err = errno == EEXIST ? ENOTDIR : errno;
+    } else if ((fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) < 0) {
+        what = "socket";
+        err = errno;
+    } else {
+        const sockaddr* sa = reinterpret_cast<const sockaddr*>(&addr);
+        int rc = bind(fd, sa, addrLen);
         struct stat st;
-        if (lstat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) {
-            ALOGE("%s exists and is not a socket", path.c_str());
-            close(fd);
-            return -1;
+        if (rc != 0 && errno == EADDRINUSE) {
+            if (lstat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) {
+                errno = EEXIST;  // not a socket: somebody else's file
+            } else if (isLive(addr, addrLen)) {
+                errno = EADDRINUSE;  // another daemon answers there
+            } else {
+                // Left behind by a process that is gone.
+                unlink(path.c_str());
+                rc = bind(fd, sa, addrLen);
+            }
         }
-        if (isLive(addr, addrLen)) {
-            ALOGE("socket %s is in use by another process", path.c_str());
-            close(fd);
-            return -1;
+        // Mode set explicitly: the umask must not widen or narrow who may talk to the daemon.
+        if (rc == 0 && (chmod(path.c_str(), 0660) != 0 || lstat(path.c_str(), &st) != 0)) {
+            what = "chmod";
+            unlink(path.c_str());
+            rc = -1;
         }
-        // Left behind by a process that is gone.
-        unlink(path.c_str());
-        rc = bind(fd, sa, addrLen);
-    }
-    if (rc != 0) {
-        ALOGE("bind %s failed (%s)", path.c_str(), strerror(errno));
+        if (rc == 0) {
+            mSockPath = path;
+            mSockIno = static_cast<unsigned long>(st.st_ino);
+            return fd;
+        }
+        err = errno;
         close(fd);
-        return -1;
     }
-    // Mode set explicitly: the umask must not widen or narrow who may talk to the daemon.
-    struct stat st;
-    if (chmod(path.c_str(), 0660) != 0 || lstat(path.c_str(), &st) != 0) {
-        ALOGE("chmod %s failed (%s)", path.c_str(), strerror(errno));
-        close(fd);
-        unlink(path.c_str());
-        return -1;
-    }
-    mSockPath = path;
-    mSockIno = static_cast<unsigned long>(st.st_ino);
-    return fd;
+    ALOGE("%s %s failed (%s)", what, path.c_str(), strerror(err));
+    errno = err;
+    return -1;
 }
 
 int SocketListener::stopListener() {
-    if (!mThreadStarted) return -1;
-    char stop = 'S';
+    char stop = kCtrlShutdown;
     ssize_t n;
     do {
         n = write(mCtrlPipe[1], &stop, 1);
-    } while (n < 0 &&
-             (errno == EINTR || (errno == EAGAIN && orvhost::waitFor(mCtrlPipe[1], POLLOUT) != 0)));
+    } while (n < 0 && errno == EINTR);
     if (n != 1) {
-        ALOGE("cannot signal the listener thread (%s)", strerror(errno));
+        ALOGE("Error writing to control pipe (%s)", strerror(errno));
         return -1;
     }
     pthread_join(mThread, nullptr);
     mThreadStarted = false;
-    closeCtrlPipe();
+    close(mCtrlPipe[0]);
+    close(mCtrlPipe[1]);
+    mCtrlPipe[0] = mCtrlPipe[1] = -1;
     releaseClients();
     closeSocket();
     return 0;
@@ -234,169 +225,79 @@ void* SocketListener::threadStart(void* obj) {
 
 void SocketListener::runListener() {
     std::vector<pollfd> fds;
-    std::vector<SocketClient*> polled;
-    bool acceptPaused = false;
-    for (bool stop = false; !stop;) {
-        fds.clear();
-        polled.clear();
-        fds.push_back({mCtrlPipe[0], POLLIN, 0});
-        const bool pollListen = mListen && !acceptPaused;
-        if (pollListen) fds.push_back({mSock, POLLIN, 0});
-        const size_t firstClient = fds.size();
-        // Each polled client is held until the round ends, so a release from another thread
-        // cannot close a descriptor that this poll still watches.
-        pthread_mutex_lock(&mClientsLock);
-        for (SocketClient* c : mClients) {
-            c->incRef();
-            polled.push_back(c);
-            short events = POLLIN | (c->hasQueued() ? POLLOUT : 0);
-            fds.push_back({c->getSocket(), events, 0});
-        }
-        pthread_mutex_unlock(&mClientsLock);
-
-        int r = poll(fds.data(), fds.size(), acceptPaused ? kAcceptPauseMs : -1);
-        acceptPaused = false;
-        if (r < 0 && errno != EINTR) {
-            ALOGE("poll failed (%s)", strerror(errno));
-            poll(nullptr, 0, kAcceptPauseMs);
-        }
-        if (r > 0 && fds[0].revents != 0) {
-            char cmds[64];
-            for (ssize_t n; (n = read(mCtrlPipe[0], cmds, sizeof(cmds))) > 0;)
-                stop = stop || memchr(cmds, 'S', static_cast<size_t>(n)) != nullptr;
-        }
-        if (r > 0 && !stop) {
-            if (pollListen && fds[1].revents != 0) acceptPaused = !acceptClient();
-            for (size_t i = 0; i < polled.size(); ++i)
-                serveClient(polled[i], fds[firstClient + i].revents);
-        }
-        for (SocketClient* c : polled) c->decRef();
-    }
-}
-
-void SocketListener::serveClient(SocketClient* c, short ev) {
-    if ((ev & POLLOUT) && !c->flushQueued() && !(ev & POLLIN)) {
-        release(c, false);
-        return;
-    }
-    if (!(ev & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) || !isClient(c)) return;
-    if (onDataAvailable(c)) return;
-    // The socket given in non-listen mode is not a connection: it stays unless it is dead.
-    if (!mListen && !(ev & (POLLHUP | POLLERR | POLLNVAL))) return;
-    release(c, false);
-}
-
-bool SocketListener::acceptClient() {
+    std::vector<SocketClient*> pending;
     for (;;) {
-        int fd = accept4(mSock, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) {
-            switch (errno) {
-                case EINTR:
-                case ECONNABORTED:
-                case EPROTO:
-                    continue;
-                case EAGAIN:
-#if EWOULDBLOCK != EAGAIN
-                case EWOULDBLOCK:
-#endif
-                    return true;
-                case EMFILE:
-                case ENFILE:
-                    // accept reports these before it looks for a waiting connection.
-                    switch (refuseClient()) {
-                        case 1:
-                            continue;
-                        case 0:
-                            return true;
-                        default:
-                            return false;
-                    }
-                default:
-                    ALOGE("accept failed (%s)", strerror(errno));
-                    return false;
-            }
-        }
-        if (mOutOfFds) {
-            mOutOfFds = false;
-            ALOGI("accepting clients again");
-        }
-        SocketClient* c = new SocketClient(fd, true, mUseCmdNum);
-        c->mQueueing = true;
-        c->mWakeFd = mCtrlPipe[1];
+        fds.clear();
+        fds.push_back({mCtrlPipe[0], POLLIN, 0});
+        if (mListen) fds.push_back({mSock, POLLIN, 0});
+        const size_t firstClient = fds.size();
         pthread_mutex_lock(&mClientsLock);
-        mClients.push_back(c);
+        for (SocketClient* c : mClients) fds.push_back({c->getSocket(), POLLIN, 0});
         pthread_mutex_unlock(&mClientsLock);
-    }
-}
 
-// Out of descriptors: the spare one makes room to take the waiting connection and close it, so
-// the listening socket is not ready again at once. 1: one refused, 0: none was waiting, -1: not
-// even that was possible.
-int SocketListener::refuseClient() {
-    if (!mOutOfFds) {
-        mOutOfFds = true;
-        ALOGE("accept failed (%s): refusing clients until a descriptor is free", strerror(errno));
+        int r;
+        do {
+            r = poll(fds.data(), fds.size(), -1);
+        } while (r < 0 && errno == EINTR);
+        if (r < 0) {
+            ALOGE("poll failed (%s) mListen=%d", strerror(errno), mListen);
+            sleep(1);
+            continue;
+        }
+        if (fds[0].revents & (POLLIN | POLLERR)) {
+            char c = kCtrlShutdown;
+            while (read(mCtrlPipe[0], &c, 1) < 0 && errno == EINTR) continue;
+            if (c == kCtrlShutdown) break;
+            continue;  // a wake-up: the set of clients changed
+        }
+        if (mListen && (fds[1].revents & (POLLIN | POLLERR))) {
+            int fd;
+            do {
+                fd = accept4(mSock, nullptr, nullptr, SOCK_CLOEXEC);
+            } while (fd < 0 && errno == EINTR);
+            if (fd < 0) {
+                // As the platform does: nobody is served until a connection can be taken.
+                ALOGE("accept failed (%s)", strerror(errno));
+                sleep(1);
+                continue;
+            }
+            pthread_mutex_lock(&mClientsLock);
+            mClients.push_front(new SocketClient(fd, true, mUseCmdNum));
+            pthread_mutex_unlock(&mClientsLock);
+        }
+        // Held until served, so that a release elsewhere cannot delete a client in use.
+        pending.clear();
+        pthread_mutex_lock(&mClientsLock);
+        for (size_t i = firstClient; i < fds.size(); ++i) {
+            if (!(fds[i].revents & (POLLIN | POLLERR | POLLHUP))) continue;
+            auto it = std::find_if(mClients.begin(), mClients.end(),
+                                   [&](SocketClient* c) { return c->getSocket() == fds[i].fd; });
+            if (it == mClients.end()) continue;
+            (*it)->incRef();
+            pending.push_back(*it);
+        }
+        pthread_mutex_unlock(&mClientsLock);
+        for (SocketClient* c : pending) {
+            if (!onDataAvailable(c)) release(c, false);
+            c->decRef();
+        }
     }
-    if (mSpareFd < 0) mSpareFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (mSpareFd < 0) return -1;
-    close(mSpareFd);
-    int fd = accept4(mSock, nullptr, nullptr, SOCK_CLOEXEC);
-    const int result = fd >= 0 ? 1 : (errno == EAGAIN || errno == EWOULDBLOCK) ? 0 : -1;
-    if (fd >= 0) close(fd);
-    mSpareFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    return result;
-}
-
-bool SocketListener::isClient(SocketClient* c) {
-    pthread_mutex_lock(&mClientsLock);
-    bool found = std::find(mClients.begin(), mClients.end(), c) != mClients.end();
-    pthread_mutex_unlock(&mClientsLock);
-    return found;
 }
 
 bool SocketListener::release(SocketClient* c, bool wakeup) {
+    if (!mListen || !c) return false;
     pthread_mutex_lock(&mClientsLock);
     auto it = std::find(mClients.begin(), mClients.end(), c);
     const bool found = it != mClients.end();
     if (found) mClients.erase(it);
     pthread_mutex_unlock(&mClientsLock);
     if (!found) return false;
-    if (wakeup) wakeUp();
-    c->detach();
     c->decRef();
-    return true;
-}
-
-void SocketListener::wakeUp() {
-    if (!mThreadStarted) return;
-    char wake = 'W';
-    (void)!write(mCtrlPipe[1], &wake, 1);
-}
-
-// The clients, each held until `fn` is done with it; no lock is held while it runs.
-template <typename Fn>
-static void forEachClient(pthread_mutex_t* lock, const std::list<SocketClient*>& clients, Fn fn) {
-    pthread_mutex_lock(lock);
-    std::vector<SocketClient*> held(clients.begin(), clients.end());
-    for (SocketClient* c : held) c->incRef();
-    pthread_mutex_unlock(lock);
-    for (SocketClient* c : held) {
-        fn(c);
-        c->decRef();
+    if (wakeup && mThreadStarted) {
+        char wake = kCtrlWakeup;
+        while (write(mCtrlPipe[1], &wake, 1) < 0 && errno == EINTR) continue;
     }
-}
-
-void SocketListener::sendBroadcast(int code, const char* msg, bool addErrno) {
-    const int callerErrno = errno;
-    forEachClient(&mClientsLock, mClients, [&](SocketClient* c) {
-        errno = callerErrno;
-        if (c->sendMsg(code, msg, addErrno, false) != 0) release(c, true);
-    });
-}
-
-void SocketListener::runOnEachSocket(SocketClientCommand* command) {
-    forEachClient(&mClientsLock, mClients,
-                  [command](SocketClient* c) { command->runSocketCommand(c); });
+    return true;
 }
 
 void SocketListener::releaseClients() {
@@ -404,8 +305,5 @@ void SocketListener::releaseClients() {
     std::list<SocketClient*> clients;
     clients.swap(mClients);
     pthread_mutex_unlock(&mClientsLock);
-    for (SocketClient* c : clients) {
-        c->detach();
-        c->decRef();
-    }
+    for (SocketClient* c : clients) c->decRef();
 }

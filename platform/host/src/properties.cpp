@@ -4,11 +4,11 @@
 #include <fcntl.h>
 #include <log/log.h>
 #include <orvhost/host.h>
+#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <mutex>
@@ -65,30 +65,27 @@ int readValue(const std::string& path, char* out) {
 // Serialises the "ro." check with the write inside this process.
 std::mutex gSetLock;
 
-// Every set bumps a 64-bit counter in the store's ".serial" file (its leading dot is no valid
-// property name), mapped shared by every process that reads. A reader keeps the values it has
-// read and re-reads only after the counter moved, or kRecheckMs later for a file written by
-// hand, so an unchanged property costs no open() per read.
-const char kSerialName[] = "/.serial";
-const size_t kSerialSize = sizeof(uint64_t);
+// Values a process has read stay valid until inotify reports a change in the store's directory.
+// The kernel queues the event before the writing call returns, so a reader that drains the queue
+// first sees every change made before its read, by whatever means: one read of the queue per
+// property_get instead of an open, a read and a close.
+constexpr uint32_t kWatchMask = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE |
+                                IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF |
+                                IN_ONLYDIR;
 
 struct CachedValue {
-    uint64_t serial;
     int len;  // -1: no value
     char value[PROPERTY_VALUE_MAX];
 };
 
-// The store's counter, mapped once per process (writable where the file allows it), and the
-// values this process has read.
-struct SerialStore {
+struct WatchedStore {
     std::mutex lock;
-    std::string dir;  // the store the mapping and the values belong to
-    int fd = -1;
-    uint64_t* serial = nullptr;
-    bool writable = false;
+    std::string dir;  // the store the watch and the values belong to
+    int inotifyFd = -1;
+    int watch = -1;
     std::unordered_map<std::string, CachedValue> values;
     // The last value looked up, by name: the daemon asks for the same one on every read, and
-    // finding it this way builds no string. Elements keep their place until values is cleared.
+    // finding it this way builds no string. Elements keep their place until they are erased.
     std::string lastKey;
     CachedValue* last = nullptr;
     // The store directory readers last asked for, and the ORV_ROOT it was made from: the path
@@ -96,104 +93,87 @@ struct SerialStore {
     std::string readerDir;
     std::string rootEnv;
 
-    void clearValues() {
+    void forget(const char* name) {
+        if (values.erase(name) && last && lastKey == name) last = nullptr;
+    }
+    void forgetAll() {
         values.clear();
         last = nullptr;
     }
+    void unwatch() {
+        if (watch >= 0) inotify_rm_watch(inotifyFd, watch);
+        watch = -1;
+        forgetAll();
+    }
 
-    // The counter of `storeDir`, mapped on first use; null while there is none. A setter
-    // (`create`) makes the file and needs it writable. A counter whose file was removed or
-    // replaced (the store deleted or moved under us) is dropped with every value read: at once
-    // by a setter, within kRecheckMs by a reader, which must not pay a system call per read.
-    uint64_t* counter(const std::string& storeDir, bool create) {
-        bool recheck = create || serial == nullptr || dueForRecheck();
-        if (storeDir != dir || (serial && recheck && !stillLinked()) ||
-            (create && serial && !writable)) {
-            unmap();
+    // True when the values kept for `storeDir` may be used: the directory is watched and every
+    // change reported so far has been applied.
+    bool sync(const std::string& storeDir) {
+        if (storeDir != dir) {
+            unwatch();
             dir = storeDir;
         }
-        if (!serial) map(create);
-        // A value written straight into its file moves no counter; it shows within kRecheckMs.
-        if (recheck) clearValues();
-        return serial;
+        if (inotifyFd < 0) inotifyFd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+        if (inotifyFd < 0) return false;
+        for (int pass = 0; pass < 2; ++pass) {
+            if (watch < 0) {
+                // Whatever happened while nobody watched is unknown: start from nothing.
+                forgetAll();
+                watch = inotify_add_watch(inotifyFd, dir.c_str(), kWatchMask);
+                if (watch < 0) return false;
+            }
+            if (drain()) return true;
+            unwatch();  // the directory itself went away or events were lost
+        }
+        return false;
     }
 
   private:
-    static constexpr long long kRecheckMs = 100;
-    long long checkedMs = 0;
-
-    bool dueForRecheck() {
-        struct timespec now;
-        clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-        long long ms = now.tv_sec * 1000LL + now.tv_nsec / 1000000;
-        if (ms - checkedMs < kRecheckMs) return false;
-        checkedMs = ms;
-        return true;
-    }
-    void unmap() {
-        if (serial) munmap(serial, kSerialSize);
-        if (fd >= 0) close(fd);
-        serial = nullptr;
-        fd = -1;
-        clearValues();
-    }
-    // The mapped file is still the one the store's path names (not removed, not replaced). The
-    // mapping keeps its inode alive, so a new file cannot reuse its number.
-    bool stillLinked() const {
-        struct stat st;
-        return stat((dir + kSerialName).c_str(), &st) == 0 && st.st_dev == mappedDev &&
-               st.st_ino == mappedIno;
-    }
-    void map(bool create) {
-        const std::string path = dir + kSerialName;
-        const int flags = O_CLOEXEC | O_NOFOLLOW;
-        writable = true;
-        fd = open(path.c_str(), O_RDWR | flags | (create ? O_CREAT : 0), 0644);
-        if (fd < 0 && !create) {
-            writable = false;
-            fd = open(path.c_str(), O_RDONLY | flags);
+    // Applies the queued events; false when the watch no longer tells the whole story.
+    bool drain() {
+        alignas(inotify_event) char buf[4096];
+        bool whole = true;
+        for (;;) {
+            ssize_t n = read(inotifyFd, buf, sizeof(buf));
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) return whole;
+            for (ssize_t at = 0; at < n;) {
+                const auto* ev = reinterpret_cast<const inotify_event*>(buf + at);
+                at += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
+                // What is still queued for a watch given up before (its IN_IGNORED last).
+                if (ev->wd != watch && !(ev->mask & IN_Q_OVERFLOW)) continue;
+                if (ev->mask & (IN_Q_OVERFLOW | IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)) {
+                    whole = false;
+                } else if (ev->len > 0) {
+                    forget(ev->name);
+                } else {
+                    forgetAll();
+                }
+            }
         }
-        if (fd < 0) return;
-        struct stat st;
-        void* p = MAP_FAILED;
-        // Growing is idempotent, so setters racing to create the file cannot clear a count.
-        bool sized = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
-                     (st.st_size >= static_cast<off_t>(kSerialSize) ||
-                      (create && ftruncate(fd, kSerialSize) == 0));
-        if (sized) {
-            p = mmap(nullptr, kSerialSize, writable ? PROT_READ | PROT_WRITE : PROT_READ,
-                     MAP_SHARED, fd, 0);
-        }
-        if (p == MAP_FAILED) {
-            close(fd);
-            fd = -1;
-            return;
-        }
-        serial = static_cast<uint64_t*>(p);
-        mappedDev = st.st_dev;
-        mappedIno = st.st_ino;
     }
-    dev_t mappedDev = 0;
-    ino_t mappedIno = 0;
 };
 
 // Never destroyed: threads may still read while the process exits.
-SerialStore& serialStore() {
-    static SerialStore* store = new SerialStore;
+WatchedStore& watchedStore() {
+    static WatchedStore* store = [] {
+        auto* s = new WatchedStore;
+        // A child shares the parent's inotify queue: reading it would steal the parent's events.
+        pthread_atfork([] { watchedStore().lock.lock(); }, [] { watchedStore().lock.unlock(); },
+                       [] {
+                           WatchedStore& c = watchedStore();
+                           if (c.inotifyFd >= 0) close(c.inotifyFd);
+                           c.inotifyFd = c.watch = -1;
+                           c.forgetAll();
+                           c.lock.unlock();
+                       });
+        return s;
+    }();
     return *store;
 }
 
-// Called after the new value is in place, so a reader that sees the new count reads it.
-void bumpSerial(const std::string& dir) {
-    SerialStore& store = serialStore();
-    std::lock_guard<std::mutex> lock(store.lock);
-    if (uint64_t* serial = store.counter(dir, true)) {
-        __atomic_add_fetch(serial, 1, __ATOMIC_RELEASE);
-    }
-}
-
 // The store directory for the current ORV_ROOT, rebuilt only when the variable changed.
-const std::string& cachedStoreDir(SerialStore& cache) {
+const std::string& cachedStoreDir(WatchedStore& cache) {
     const char* env = getenv("ORV_ROOT");
     // An unset ORV_ROOT and an empty one name the same store.
     if (env == nullptr) env = "";
@@ -204,23 +184,21 @@ const std::string& cachedStoreDir(SerialStore& cache) {
     return cache.readerDir;
 }
 
-// A stored value as readValue gives it, from the cache while the store's counter stands still.
+// A stored value as readValue gives it, from what this process read before while the store's
+// directory reports no change to it.
 int readStored(const char* key, char* out) {
-    SerialStore& cache = serialStore();
+    WatchedStore& cache = watchedStore();
     std::lock_guard<std::mutex> lock(cache.lock);
     const std::string& dir = cachedStoreDir(cache);
-    const uint64_t* counter = cache.counter(dir, false);
-    if (!counter) return readValue(dir + "/" + key, out);
-    const uint64_t serial = __atomic_load_n(counter, __ATOMIC_ACQUIRE);
+    if (!cache.sync(dir)) return readValue(dir + "/" + key, out);
     CachedValue* value = cache.last;
     if (value == nullptr || strcmp(cache.lastKey.c_str(), key) != 0) {
         auto it = cache.values.find(key);
         value = it == cache.values.end() ? nullptr : &it->second;
     }
-    if (value == nullptr || value->serial != serial) {
-        // The count is taken before the read: a set racing with it moves the count again.
+    if (value == nullptr) {
+        // Read after the watch was in place: a change racing with it is reported next time.
         CachedValue fresh;
-        fresh.serial = serial;
         fresh.len = readValue(dir + "/" + key, fresh.value);
         value = &cache.values.insert_or_assign(key, fresh).first->second;
     }
@@ -282,10 +260,7 @@ extern "C" int property_set(const char* key, const char* value) {
     if (fd < 0) return -1;
     bool ok = fchmod(fd, 0644) == 0 && orvhost::writeAll(fd, value, len);
     ok = close(fd) == 0 && ok;
-    if (ok && rename(tmp.c_str(), path.c_str()) == 0) {
-        bumpSerial(dir);
-        return 0;
-    }
+    if (ok && rename(tmp.c_str(), path.c_str()) == 0) return 0;
     unlink(tmp.c_str());
     return -1;
 }

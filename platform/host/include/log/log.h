@@ -26,6 +26,7 @@
 #define ALOGI(...) ((void)__android_log_print(ANDROID_LOG_INFO, LOG_TAG, __VA_ARGS__))
 #define ALOGW(...) ((void)__android_log_print(ANDROID_LOG_WARN, LOG_TAG, __VA_ARGS__))
 #define ALOGE(...) ((void)__android_log_print(ANDROID_LOG_ERROR, LOG_TAG, __VA_ARGS__))
+#define SLOGV ALOGV
 #define SLOGD ALOGD
 #define SLOGI ALOGI
 #define SLOGW ALOGW

@@ -1,12 +1,12 @@
 #pragma once
 #include <pthread.h>
 #include <sysutils/SocketClient.h>
-#include <sysutils/SocketClientCommand.h>
 
 #include <list>
 #include <string>
 
-// libsysutils' SocketListener: the same public and protected interface as the platform's.
+// libsysutils' SocketListener: the public and protected interface orvd uses, with the
+// platform's behaviour (see docs/device.md for where the host differs).
 class SocketListener {
   public:
     SocketListener(const char* socketName, bool listen);
@@ -18,10 +18,9 @@ class SocketListener {
     // serves clients on a thread of its own. 0 on success, -1 on failure.
     int startListener();
     int startListener(int backlog);
+    // Like the platform's, not idempotent: a call without a running listener fails and logs.
     int stopListener();
 
-    void sendBroadcast(int code, const char* msg, bool addErrno);
-    void runOnEachSocket(SocketClientCommand* command);
     // Forgets and closes `c` (unless someone holds a reference); false when it is not ours.
     bool release(SocketClient* c) { return release(c, true); }
 
@@ -33,15 +32,8 @@ class SocketListener {
     bool release(SocketClient* c, bool wakeup);
     static void* threadStart(void* obj);
     void runListener();
-    int openSocket(int backlog);
     int createSocket(const std::string& path);
-    bool acceptClient();
-    void serveClient(SocketClient* c, short revents);
-    int refuseClient();
-    bool isClient(SocketClient* c);
-    void wakeUp();
     void releaseClients();
-    void closeCtrlPipe();
     void closeSocket();  // closes an owned socket and removes the file we bound
 
     bool mListen;
@@ -51,13 +43,10 @@ class SocketListener {
     bool mUseCmdNum;
     std::string mSockPath;  // the socket file we bound, removed again on stop
     unsigned long mSockIno;
+    // Newest first: the platform serves ready clients in no order a client may count on.
     std::list<SocketClient*> mClients;
     pthread_mutex_t mClientsLock;
     int mCtrlPipe[2];
     pthread_t mThread;
     bool mThreadStarted;
-    // Held back for the moment descriptors run out: closing it lets the listener take a
-    // waiting connection and close it, instead of finding it ready again at every poll.
-    int mSpareFd;
-    bool mOutOfFds;
 };
