@@ -22,7 +22,7 @@ TEST(OrvCtlWait, WaitsForADaemonThatIsStillStarting) {
     // orvd comes up a moment after the client was started, as with "orvd & orvctl ...".
     const std::string out = root / "dump";
     std::string script = "(sleep 0.3; exec " + shellQuote(bin("orvd")) + " 2>/dev/null) & d=$!; " +
-                         shellQuote(bin("orvctl")) + " --wait=5000 dump >" + shellQuote(out) +
+                         shellQuote(bin("orvctl")) + " --wait=20000 dump >" + shellQuote(out) +
                          "; s=$?; kill -INT $d; wait $d; exit $s";
     int status = system(script.c_str());
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
