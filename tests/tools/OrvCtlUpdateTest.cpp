@@ -58,7 +58,8 @@ TEST(OrvCtlUpdate, ChecksSendsAndConfirms) {
     for (const auto& c : cases) {
         const std::string file = root.write("new.json", c.content);
         const std::string log = c.withLog ? "--log " + shellQuote(root / "orvd.log") + " " : "";
-        ToolResult r = runTool(root, "orvctl", log + "update " + shellQuote(file));
+        // orvd loads the file on its own thread: a generous time-out for its verdict.
+        ToolResult r = runTool(root, "orvctl", log + "--timeout 20000 update " + shellQuote(file));
         EXPECT_EQ(r.status, c.status) << c.name << ": " << r.err << orvd.log();
         EXPECT_NE((r.out + r.err).find(c.says), std::string::npos)
             << c.name << ": " << r.out << r.err;
