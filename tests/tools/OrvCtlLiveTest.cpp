@@ -46,6 +46,8 @@ TEST(OrvCtlVerify, FindsWhatChangedBehindOrvdsBack) {
 // Started before orvd and its log exist, as "make demo" starts it: --wait waits for both.
 TEST(OrvCtlMonitor, ShowsEventsMovesEffectsAndFailures) {
     TempRoot root;
+    EXPECT_EQ(runTool(root, "orvctl", "dump").status, 2) << "nothing listens yet";
+    EXPECT_EQ(runTool(root, "orvctl", "--wait=x monitor").status, 1);
     const std::string out = root / "monitor";
     pid_t monitor = fork();
     if (monitor == 0) {
