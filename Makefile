@@ -5,7 +5,7 @@ CTEST_ARGS ?= --output-on-failure -j$(JOBS) --timeout 120
 # Rebuilds of the three configurations share one compiler cache when ccache is there.
 CMAKE_ARGS ?= $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 
-.PHONY: all deps build check check-asan check-tsan check-device check-real-platform demo demo-live bench bench-e2e fuzz soak format clean
+.PHONY: all deps build check check-stress check-asan check-tsan check-device check-real-platform demo demo-live bench bench-e2e fuzz soak format clean
 
 all: build
 
@@ -20,6 +20,12 @@ build: deps $(BUILD)/CMakeCache.txt
 
 check: build
 	cd $(BUILD) && ctest $(CTEST_ARGS)
+
+# Not part of check: the tests and the demo STRESS_RUNS times each beside two CPU-bound processes.
+STRESS_RUNS ?= 20
+check-stress: build
+	@scripts/install-deps --stress
+	CTEST_ARGS="$(CTEST_ARGS)" scripts/check-stress $(BUILD) $(STRESS_RUNS)
 
 check-asan: deps
 	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug $(CMAKE_ARGS) -DORV_SANITIZE=address

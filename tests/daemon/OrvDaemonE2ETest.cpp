@@ -22,16 +22,9 @@
 
 namespace {
 
+using orvtest::eventually;
 using orvtest::frame;
 using orvtest::readFile;
-
-// The daemon is another process: its socket and files can only be polled.
-bool pollUntil(const std::function<bool()>& done, int timeoutMs = 10000) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
-        if (std::chrono::steady_clock::now() > end) return false;
-    return true;
-}
 
 // A client of the daemon's socket under this process's ORV_ROOT.
 struct Client {
@@ -46,7 +39,7 @@ struct Client {
         std::string out;
         pollfd p{fd, POLLIN, 0};
         if (!send(frame(code, payload))) return "";
-        for (char c; poll(&p, 1, 5000) > 0 && read(fd, &c, 1) == 1; out += c)
+        for (char c; poll(&p, 1, orvtest::kWaitMs) > 0 && read(fd, &c, 1) == 1; out += c)
             if (c == '\0') return out;
         return "";
     }
@@ -91,7 +84,7 @@ class DaemonTest : public ::testing::Test {
             _exit(127);
         }
         if (handed >= 0) close(handed);
-        return !wait || pollUntil([&] { return Client().ok(); });
+        return !wait || eventually([&] { return Client().ok(); });
     }
     // Where init would create sockets; null: the platform creates its own (host stand-in).
     static const char* initSockets() { return getenv("ORV_TEST_INIT_SOCKETS"); }
@@ -110,7 +103,7 @@ class DaemonTest : public ::testing::Test {
     std::string log() const { return readFile(root / "orvd.err"); }
     bool logged(const std::string& part) const { return log().find(part) != std::string::npos; }
     bool waitLog(const std::string& part) {
-        return pollUntil([&] { return logged(part); });
+        return eventually([&] { return logged(part); });
     }
     bool alive() { return pid > 0 && waitpid(pid, nullptr, WNOHANG) == 0; }
     std::string property(const std::string& name) const {
@@ -123,7 +116,7 @@ class DaemonTest : public ::testing::Test {
     void stopBySigint() {
         int status = -1;
         kill(pid, SIGINT);
-        const bool ended = pollUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 4000);
+        const bool ended = eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; });
         if (!ended) kill(pid, SIGKILL), waitpid(pid, &status, 0);
         pid = -1;
         EXPECT_TRUE(ended) << "SIGINT did not stop the daemon\n" << log();
@@ -212,7 +205,7 @@ TEST_F(DaemonTest, SigintUnderLoadWithUpdatesInFlight) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20 + rng() % 80));
         kill(pid, SIGINT);
         int status = -1;
-        bool ended = pollUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 5000);
+        bool ended = eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; });
         if (!ended) kill(pid, SIGKILL), waitpid(pid, &status, 0);
         pid = -1;
         stop = true;
@@ -241,13 +234,20 @@ TEST_F(DaemonTest, SigintEndsTheDaemonWhileAProgramRuns) {
     ASSERT_TRUE(start(true)) << log();
     ASSERT_TRUE(
         Client().send(frame(1, "100;com.a") + frame(3, "100;com.a;act;x") + frame(4, "100;com.a")));
-    ASSERT_TRUE(pollUntil([&] { return readFile(node) == "run"; })) << log();
+    ASSERT_TRUE(eventually([&] { return readFile(node) == "run"; })) << log();
     ASSERT_TRUE(waitLog("path:sleep value:20}")) << log();
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the child is running
+    // The line comes before the spawn: wait for the shell to be one of orvd's children.
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    ASSERT_TRUE(eventually([&] {
+        std::error_code ec;
+        for (const auto& t : std::filesystem::directory_iterator(tasks, ec))
+            if (!readFile(t.path().string() + "/children").empty()) return true;
+        return false;
+    })) << log();
     kill(pid, SIGINT);
     int status = -1;
-    // The stop waits a bounded time for the running work, far less than the program's 20 s.
-    EXPECT_TRUE(pollUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 6000)) << log();
+    // The stop waits seconds at most for the running work, far less than the program's 20 s.
+    EXPECT_TRUE(eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 15000)) << log();
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << status;
     if (WIFEXITED(status)) pid = -1;
 }
@@ -256,13 +256,13 @@ TEST_F(DaemonTest, PolicyRunsAndGestureTimesOutBackToRun) {
     ASSERT_TRUE(start(true)) << log();
     Client c;
     ASSERT_TRUE(c.send(frame(1, "100;com.a") + frame(3, "100;com.a;act;x") + frame(4, "100;com.a")));
-    EXPECT_TRUE(pollUntil([&] { return readFile(node) == "run"; })) << readFile(node);
+    EXPECT_TRUE(eventually([&] { return readFile(node) == "run"; })) << readFile(node);
     ASSERT_TRUE(c.send(frame(34, "100;2")));
     EXPECT_TRUE(dumpHas(c, "   State     : gesture_tap\n"));
-    EXPECT_TRUE(pollUntil([&] { return property("orv.test.tap") == "yes"; }));
+    EXPECT_TRUE(eventually([&] { return property("orv.test.tap") == "yes"; }));
     // The timer's own frame comes back over the socket and ends the gesture.
-    EXPECT_TRUE(pollUntil([&] { return dumpHas(c, "   State     : run\n"); })) << log();
-    EXPECT_TRUE(pollUntil([&] { return readFile(node) == "run"; }));
+    EXPECT_TRUE(eventually([&] { return dumpHas(c, "   State     : run\n"); })) << log();
+    EXPECT_TRUE(eventually([&] { return readFile(node) == "run"; }));
 }
 
 TEST_F(DaemonTest, ConfigurationUpdateTakesEffectAtTheNextAppSwitch) {
@@ -273,7 +273,7 @@ TEST_F(DaemonTest, ConfigurationUpdateTakesEffectAtTheNextAppSwitch) {
     ASSERT_TRUE(waitLog("new DB " + next + " is prepared to update)")) << log();
     ASSERT_TRUE(c.send(frame(3, "5;com.b;a;b")));
     EXPECT_TRUE(waitLog("I OrvActionManager: DB updated"));
-    EXPECT_TRUE(pollUntil([&] { return dumpHas(c, "v2.0"); }));
+    EXPECT_TRUE(eventually([&] { return dumpHas(c, "v2.0"); }));
 }
 
 // Without a policy, or without a socket to listen on, the daemon parks: alive, idle, "false",
@@ -365,7 +365,7 @@ TEST_F(DaemonTest, ManyClientsVanishingClientsAndRandomBytes) {
         return n;
     };
     const int all = 1 + kClients + kVanish + 1 + kRandom;
-    EXPECT_TRUE(pollUntil([&] { return closed() >= all; }, 30000)) << closed();
+    EXPECT_TRUE(eventually([&] { return closed() >= all; }, 30000)) << closed();
     EXPECT_TRUE(alive());
     EXPECT_TRUE(Client().ok());
 }
@@ -422,7 +422,7 @@ TEST_F(DaemonTest, KeptIoctlDescriptorsLeaveRoomForClients) {
         Client c;
         ASSERT_TRUE(c.send(switches));
         // The node is no driver: every execution logs its failed ioctl, once it has run.
-        EXPECT_TRUE(pollUntil([&] { return count("E OrvActionManager: orv_ioctl{") >= 300; }));
+        EXPECT_TRUE(eventually([&] { return count("E OrvActionManager: orv_ioctl{") >= 300; }));
         if (r.keepsAll) {
             EXPECT_GE(openFds(), before + 300);
         } else {
@@ -506,10 +506,10 @@ TEST_F(DaemonTest, ClientsThatDoNotReadCostOnlyThemselves) {
     // An app switch, then a gesture that only the timer's own frame ends.
     ASSERT_TRUE(polite.send(frame(1, "100;com.a") + frame(3, "100;com.a;act;x") +
                             frame(4, "100;com.a") + frame(34, "100;2")));
-    EXPECT_TRUE(pollUntil([&] { return property("orv.test.tap") == "yes"; })) << log();
-    EXPECT_TRUE(pollUntil([&] { return dumpHas(polite, "   State     : run\n"); })) << log();
+    EXPECT_TRUE(eventually([&] { return property("orv.test.tap") == "yes"; })) << log();
+    EXPECT_TRUE(eventually([&] { return dumpHas(polite, "   State     : run\n"); })) << log();
     const std::string dropped = "W OrvMsgHandler: client(fd=";
-    EXPECT_TRUE(pollUntil([&] { return count(dropped) >= 6; })) << log();
+    EXPECT_TRUE(eventually([&] { return count(dropped) >= 6; })) << log();
     EXPECT_EQ(6, count(dropped)) << "one line per client, not one per reply";
     addSilent(3);  // stopped while they are being answered
     stopBySigint();
@@ -542,7 +542,7 @@ TEST_F(DaemonTest, OnStopRestoresOnSigintAndSigterm) {
         ASSERT_TRUE(start()) << log();
         Client c;
         ASSERT_TRUE(c.send(frame(3, "42;com.a") + frame(4, "42;com.a")));
-        ASSERT_TRUE(pollUntil([&] { return readFile(node) == "run"; })) << log();
+        ASSERT_TRUE(eventually([&] { return readFile(node) == "run"; })) << log();
         int status = -1;
         kill(pid, r.sig), waitpid(pid, &status, 0), pid = -1;
         const std::string what = std::string(strsignal(r.sig)) + (r.onStop ? " with" : " without");

@@ -279,14 +279,14 @@ TEST(Listener, AReplyNobodyReadsHoldsTheWholeListener) {
     EXPECT_FALSE(readable(polite, 300)) << "answered while the listener is stuck";
     std::string got;
     // Every byte asked for comes back in some reply: nothing was dropped or cut off.
-    for (char buf[4096]; got.size() < sent && readable(greedy, 5000);) {
+    for (char buf[4096]; got.size() < sent && readable(greedy, orvtest::kWaitMs);) {
         ssize_t n = read(greedy, buf, sizeof(buf));
         if (n <= 0) break;
         got.append(buf, size_t(n));
     }
     EXPECT_EQ(0u, got.find("200 qqq"));
     EXPECT_GE(got.size(), sent);
-    EXPECT_TRUE(readable(polite, 5000));
+    EXPECT_TRUE(readable(polite, orvtest::kWaitMs));
     EXPECT_EQ("200 again", roundTrip(polite, ""));
     close(greedy);
     close(polite);

@@ -14,9 +14,24 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace orvtest {
+
+// How long a test waits for what should happen at once: enough for a machine many times slower
+// than usual, so that only a fault ever runs it out.
+constexpr int kWaitMs = 20000;
+
+// Polls a condition that another thread or process brings about, up to `ms`.
+inline bool eventually(const std::function<bool()>& done, int ms = kWaitMs) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (std::chrono::steady_clock::now() < end) {
+        if (done()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return done();
+}
 
 // Creates a fresh directory, points ORV_ROOT at it and removes it again.
 class TempRoot {
@@ -103,10 +118,10 @@ class LogCapture {
         return out;
     }
     // Waits until at least `n` records have text `text`; false on time-out.
-    bool waitFor(const std::string& text, int n = 1, int timeoutMs = 5000) const {
+    bool waitFor(const std::string& text, int n = 1, int timeoutMs = kWaitMs) const {
         return waitUntil([&] { return count(text) >= n; }, timeoutMs);
     }
-    bool waitUntil(const std::function<bool()>& done, int timeoutMs = 5000) const {
+    bool waitUntil(const std::function<bool()>& done, int timeoutMs = kWaitMs) const {
         auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
         for (;;) {
             uint64_t seen;

@@ -5,10 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <functional>
 #include <string>
-#include <thread>
 
 #include "support/OrvTestSupport.h"
 
@@ -44,16 +41,6 @@ inline ToolResult runTool(const TempRoot& root, const std::string& tool, const s
     r.out = readFile(out);
     r.err = readFile(err);
     return r;
-}
-
-// Polls a condition owned by another process (a file it writes), up to `ms`.
-inline bool eventually(const std::function<bool()>& done, int ms = 5000) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (std::chrono::steady_clock::now() < end) {
-        if (done()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return done();
 }
 
 }  // namespace orvtest

@@ -27,6 +27,8 @@ class OrvCtlApp {
     int query(int code, const std::string& payload, std::string& answer);
 
     int timeoutMs() const { return mTimeoutMs; }
+    // What --wait asked for; 0 once a connection was made.
+    int waitMs() const { return mWaitMs; }
     // The daemon's log file given with --log; empty when none.
     const std::string& logPath() const { return mLogPath; }
 

@@ -81,10 +81,18 @@ int OrvCtlMonitor::run(const std::vector<std::string>& args) {
             return OrvCtlApp::EXIT_USAGE;
         }
     }
+    // With --wait, orvd may still be starting: wait for it to answer, and for its log, which the
+    // shell that starts it may create a moment later than the monitor looks.
+    const long long waitEnd = nowMs() + mApp.waitMs();
+    if (mApp.waitMs() > 0) {
+        OrvCtlConnection conn;
+        if (!mApp.connect(conn)) return OrvCtlApp::EXIT_UNREACHABLE;
+    }
     FILE* in = nullptr;
     const bool fromFile = !mApp.logPath().empty();
     if (fromFile) {
-        in = fopen(mApp.logPath().c_str(), "r");
+        while (!(in = fopen(mApp.logPath().c_str(), "r")) && errno == ENOENT && nowMs() < waitEnd)
+            usleep(10000);
         if (in) fseek(in, 0, SEEK_END);
     } else {
         in = popen("logcat -v threadtime -T 1 2>/dev/null", "r");

@@ -39,10 +39,11 @@ void refreshAfterFork() {
     gPid.store(static_cast<int>(getpid()), std::memory_order_relaxed);
     tTid = 0;
 }
+// Registered at start-up, not by the first record: a signal handler's record that interrupted
+// that registration re-entered it and crashed.
+const bool gForkHandlerSet = pthread_atfork(nullptr, nullptr, refreshAfterFork) == 0;
 
 int cachedPid() {
-    static const bool registered = pthread_atfork(nullptr, nullptr, refreshAfterFork) == 0;
-    (void)registered;
     int pid = gPid.load(std::memory_order_relaxed);
     if (pid == 0) {
         pid = static_cast<int>(getpid());
