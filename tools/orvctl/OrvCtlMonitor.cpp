@@ -85,7 +85,7 @@ int OrvCtlMonitor::run(const std::vector<std::string>& args) {
     // shell that starts it may create a moment later than the monitor looks.
     const long long waitEnd = nowMs() + mApp.waitMs();
     if (mApp.waitMs() > 0) {
-        OrvCtlConnection conn;
+        OrvConnection conn;
         if (!mApp.connect(conn)) return OrvCtlApp::EXIT_UNREACHABLE;
     }
     FILE* in = nullptr;
