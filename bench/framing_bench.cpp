@@ -1,5 +1,4 @@
 #include <benchmark/benchmark.h>
-#include <orv/protocol.h>
 #include <orvhost/host.h>
 #include <sys/socket.h>
 #include <sysutils/SocketClient.h>
@@ -8,6 +7,7 @@
 #include <string>
 
 #include "protocol/OrvMsgHandler.h"
+#include "protocol/include/orv/protocol.h"
 
 namespace {
 

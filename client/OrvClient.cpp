@@ -1,4 +1,5 @@
-#include <orv/OrvClient.h>
+#include "include/orv/OrvClient.h"
+
 #include <time.h>
 
 #include <chrono>

@@ -1,7 +1,8 @@
+#include "include/orv/OrvConnection.h"
+
 #include <cutils/sockets.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <orv/OrvConnection.h>
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>

@@ -2,7 +2,6 @@
 #include "daemon/OrvListener.h"
 
 #include <errno.h>
-#include <orv/protocol.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -11,6 +10,7 @@
 #include "daemon/core/OrvLog.h"
 #include "daemon/core/OrvStopWatch.h"
 #include "protocol/OrvMsgHandler.h"
+#include "protocol/include/orv/protocol.h"
 
 OrvListener::OrvListener() : SocketListener(orv::kSocketName, true), mMsgHandler(nullptr) {
     ORV_LOGD("constructor called");

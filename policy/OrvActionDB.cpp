@@ -1,10 +1,10 @@
 #define LOG_TAG "OrvActionManager"
 #include "policy/OrvActionDB.h"
 
-#include <orv/protocol.h>
 #include <string.h>
 
 #include "daemon/core/OrvLog.h"
+#include "protocol/include/orv/protocol.h"
 
 OrvActionDB::OrvActionDB(bool encrypted)
     : mEncrypted(encrypted), mCurAction(nullptr), mCurActionSetKey("") {

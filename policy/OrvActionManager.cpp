@@ -1,11 +1,11 @@
 #define LOG_TAG "OrvActionManager"
 #include "policy/OrvActionManager.h"
 
-#include <orv/protocol.h>
 #include <string.h>
 
 #include "daemon/core/OrvLog.h"
 #include "policy/OrvActionDB.h"
+#include "protocol/include/orv/protocol.h"
 
 static const char* orEmpty(const char* text) {
     return text ? text : "";

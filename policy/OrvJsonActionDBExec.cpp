@@ -1,11 +1,11 @@
 #define LOG_TAG "OrvActionManager"
 #define ATRACE_TAG ATRACE_TAG_POWER
 #include <cutils/trace.h>
-#include <orv/protocol.h>
 #include <string.h>
 
 #include "daemon/core/OrvLog.h"
 #include "policy/OrvJsonActionDB.h"
+#include "protocol/include/orv/protocol.h"
 
 static const char* orEmpty(const char* text) {
     return text ? text : "";

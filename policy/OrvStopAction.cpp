@@ -1,11 +1,11 @@
 #define LOG_TAG "OrvActionManager"
 #include "policy/OrvStopAction.h"
 
-#include <orv/protocol.h>
 #include <pthread.h>
 #include <time.h>
 
 #include "daemon/core/OrvLog.h"
+#include "protocol/include/orv/protocol.h"
 
 // Shared by the waiter and the action; the last of the two to let go frees it, since a waiter
 // that gave up may be gone (the process exiting) before the action runs.

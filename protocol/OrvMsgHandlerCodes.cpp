@@ -1,5 +1,4 @@
 #define LOG_TAG "OrvMsgHandler"
-#include <orv/protocol.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sysutils/SocketClient.h>
@@ -14,6 +13,7 @@
 #include "protocol/OrvAtoi.h"
 #include "protocol/OrvMsgHandler.h"
 #include "protocol/OrvMsgTrace.h"
+#include "protocol/include/orv/protocol.h"
 #include "scenario/OrvContext.h"
 
 namespace {

@@ -2,10 +2,11 @@
 #include "protocol/OrvMsgTrace.h"
 
 #include <cutils/trace.h>
-#include <orv/protocol.h>
 #include <stdio.h>
 
 #include <string>
+
+#include "protocol/include/orv/protocol.h"
 
 const char* OrvMsgTrace::codeName(int code, char* buffer, int size) {
     if (const char* name = orv::codeName(code)) return name;

@@ -1,6 +1,5 @@
 #pragma once
-#include <orv/protocol.h>
-
+#include "protocol/include/orv/protocol.h"
 #include "scenario/OrvState.h"
 
 // No application tracked; only launch, start and transit (with the screen on) leave it.

@@ -1,6 +1,5 @@
 #pragma once
-#include <orv/protocol.h>
-
+#include "protocol/include/orv/protocol.h"
 #include "scenario/OrvRunStates.h"
 
 // A short-lived touch gesture: the timer brings it back to run unless the same gesture repeats

@@ -1,6 +1,5 @@
 #pragma once
-#include <orv/protocol.h>
-
+#include "protocol/include/orv/protocol.h"
 #include "scenario/OrvState.h"
 
 // What every state of a running application shares: a launch or a start of another app leaves

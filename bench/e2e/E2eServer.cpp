@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <orv/protocol.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
@@ -20,6 +19,7 @@
 #include <fstream>
 
 #include "E2eClock.h"
+#include "protocol/include/orv/protocol.h"
 
 E2eServer::E2eServer(std::string label, std::vector<std::string> argv, std::string root)
     : mLabel(std::move(label)), mArgv(std::move(argv)), mRoot(std::move(root)) {}

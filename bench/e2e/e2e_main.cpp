@@ -2,7 +2,6 @@
 // hop, measured in alternating blocks of one run so that both see the same machine.
 #include <fcntl.h>
 #include <limits.h>
-#include <orv/protocol.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -19,6 +18,7 @@
 #include "E2eEffect.h"
 #include "E2ePolicies.h"
 #include "E2eServer.h"
+#include "protocol/include/orv/protocol.h"
 #include "tools/codec/OrvPolicyEncoder.h"
 
 namespace {

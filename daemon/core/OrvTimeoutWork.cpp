@@ -3,11 +3,11 @@
 #include "daemon/core/OrvTimeoutWork.h"
 
 #include <cutils/sockets.h>
-#include <orv/protocol.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "daemon/core/OrvLog.h"
+#include "protocol/include/orv/protocol.h"
 
 namespace {
 const std::string kTimeoutMsg = orv::frame(orv::TIMEOUT);

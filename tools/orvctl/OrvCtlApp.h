@@ -1,11 +1,11 @@
 #pragma once
 // orvctl's command line: options, one command, exit status.
-#include <orv/OrvConnection.h>
 #include <stdio.h>
 
 #include <string>
 #include <vector>
 
+#include "client/include/orv/OrvConnection.h"
 #include "tools/orvctl/OrvCtlCommand.h"
 
 class OrvCtlApp {

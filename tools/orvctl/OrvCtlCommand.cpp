@@ -1,10 +1,11 @@
 #include "tools/orvctl/OrvCtlCommand.h"
 
 #include <errno.h>
-#include <orv/protocol.h>
 #include <stdlib.h>
 
 #include <map>
+
+#include "protocol/include/orv/protocol.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 #include "tools/orvctl/OrvCtlWhy.h"
 
-#include <orv/protocol.h>
 #include <stdio.h>
 #include <stdlib.h>
 
+#include "protocol/include/orv/protocol.h"
 #include "scenario/OrvState.h"
 #include "tools/codec/OrvPolicyDocument.h"
 #include "tools/orvctl/OrvCtlApp.h"

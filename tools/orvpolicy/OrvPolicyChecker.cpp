@@ -1,6 +1,5 @@
 #include "tools/orvpolicy/OrvPolicyChecker.h"
 
-#include <orv/protocol.h>
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -10,6 +9,7 @@
 #include <sstream>
 
 #include "policy/OrvGroupBounds.h"
+#include "protocol/include/orv/protocol.h"
 #include "tools/orvpolicy/OrvPolicyRestore.h"
 
 namespace {

@@ -1,8 +1,8 @@
 #include "tools/orvpolicy/OrvPolicyInfo.h"
 
-#include <orv/protocol.h>
 #include <stdio.h>
 
+#include "protocol/include/orv/protocol.h"
 #include "tools/orvpolicy/OrvPolicyChecker.h"
 
 OrvPolicyInfo::OrvPolicyInfo(const Json::Value& root) : mRoot(root) {

@@ -1,7 +1,6 @@
 #include "tools/sim/OrvSimulator.h"
 
 #include <cutils/properties.h>
-#include <orv/protocol.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -10,6 +9,8 @@
 
 #include <filesystem>
 #include <fstream>
+
+#include "protocol/include/orv/protocol.h"
 
 #if !defined(__ANDROID__)
 #include <orvhost/host.h>

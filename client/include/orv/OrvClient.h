@@ -5,8 +5,6 @@
 // put in a bounded queue and written by a background thread. When the queue is full, or orvd
 // cannot be reached, they are dropped and counted. Queries wait for their answer, at most the
 // query time-out, on a connection of their own.
-#include <orv/OrvConnection.h>
-#include <orv/protocol.h>
 #include <stdint.h>
 
 #include <condition_variable>
@@ -16,6 +14,11 @@
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#include "OrvConnection.h"
+
+// Relative, so that it resolves whatever include path the user gives.
+#include "../../../protocol/include/orv/protocol.h"
 
 class OrvClient {
   public:

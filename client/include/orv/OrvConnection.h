@@ -1,10 +1,11 @@
 #pragma once
 // One connection to orvd's control socket: whole frames out, "<code> <text>\0" replies in.
-#include <orv/protocol.h>
-
 #include <string>
-#include <utility>
 #include <string_view>
+#include <utility>
+
+// Relative, so that it resolves whatever include path the user gives.
+#include "../../../protocol/include/orv/protocol.h"
 
 class OrvConnection {
   public:
