@@ -7,8 +7,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "daemon/core/OrvLog.h"
-#include "daemon/core/OrvStopWatch.h"
+#include "core/OrvLog.h"
+#include "core/OrvStopWatch.h"
 #include "protocol/OrvMsgHandler.h"
 #include "protocol/include/orv/protocol.h"
 

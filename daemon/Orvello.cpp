@@ -8,8 +8,8 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "daemon/core/OrvLog.h"
-#include "daemon/core/OrvTimer.h"
+#include "core/OrvLog.h"
+#include "core/OrvTimer.h"
 #include "policy/OrvStopAction.h"
 
 const char* ORV_PROP_ENABLE = "sys.orv.enable";

@@ -2,7 +2,7 @@
 #include <string>
 
 #include "daemon/OrvListener.h"
-#include "daemon/core/OrvTimeoutWork.h"
+#include "core/OrvTimeoutWork.h"
 #include "policy/OrvActionManager.h"
 #include "protocol/OrvMsgHandler.h"
 #include "scenario/OrvContext.h"

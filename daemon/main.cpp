@@ -8,8 +8,8 @@
 #include <sys/resource.h>
 
 #include "daemon/Orvello.h"
-#include "daemon/core/OrvLog.h"
-#include "daemon/core/OrvVersion.h"
+#include "core/OrvLog.h"
+#include "core/OrvVersion.h"
 
 namespace {
 

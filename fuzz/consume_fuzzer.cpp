@@ -16,7 +16,7 @@
 #include <fstream>
 #include <string>
 
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 #include "policy/OrvActionManager.h"
 #include "protocol/OrvMsgHandler.h"
 #include "scenario/OrvContext.h"

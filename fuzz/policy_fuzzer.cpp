@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 #include "policy/OrvActionDB.h"
 #include "policy/OrvActionManager.h"
 #include "policy/OrvJsonParser.h"

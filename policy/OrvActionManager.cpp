@@ -3,7 +3,7 @@
 
 #include <string.h>
 
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 #include "policy/OrvActionDB.h"
 #include "protocol/include/orv/protocol.h"
 

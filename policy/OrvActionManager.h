@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "daemon/core/OrvWork.h"
-#include "daemon/core/OrvWorkQueue.h"
+#include "core/OrvWork.h"
+#include "core/OrvWorkQueue.h"
 
 class OrvActionDB;
 

@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include "crypto/OrvPolicyFile.h"
-#include "daemon/core/OrvDevicePath.h"
-#include "daemon/core/OrvLog.h"
+#include "core/OrvDevicePath.h"
+#include "core/OrvLog.h"
 #include "policy/OrvActionManager.h"
 #include "policy/OrvJsonActionDB.h"
 

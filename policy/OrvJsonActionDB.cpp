@@ -7,9 +7,9 @@
 
 #include "crypto/OrvPolicyDecoder.h"
 #include "crypto/OrvPolicyFile.h"
-#include "daemon/core/OrvDevicePath.h"
-#include "daemon/core/OrvHeapReserve.h"
-#include "daemon/core/OrvLog.h"
+#include "core/OrvDevicePath.h"
+#include "core/OrvHeapReserve.h"
+#include "core/OrvLog.h"
 #include "policy/OrvCycleCheck.h"
 #include "policy/OrvGroupBounds.h"
 #include "policy/OrvJsonParser.h"

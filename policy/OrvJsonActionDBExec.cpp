@@ -3,7 +3,7 @@
 #include <cutils/trace.h>
 #include <string.h>
 
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 #include "policy/OrvJsonActionDB.h"
 #include "protocol/include/orv/protocol.h"
 

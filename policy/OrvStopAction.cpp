@@ -4,7 +4,7 @@
 #include <pthread.h>
 #include <time.h>
 
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 #include "protocol/include/orv/protocol.h"
 
 // Shared by the waiter and the action; the last of the two to let go frees it, since a waiter

@@ -7,7 +7,7 @@
 #include <string.h>
 #include <sysutils/SocketClient.h>
 
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 #include "protocol/OrvAtoi.h"
 
 OrvMsgHandler::OrvMsgHandler() : mContext(nullptr), mActionManager(nullptr), mReplyFailed(false) {

@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "daemon/Orvello.h"
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 #include "policy/OrvActionManager.h"
 #include "protocol/OrvAtoi.h"
 #include "protocol/OrvMsgHandler.h"

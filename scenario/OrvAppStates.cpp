@@ -1,7 +1,7 @@
 #define LOG_TAG "OrvState"
 #include "scenario/OrvAppStates.h"
 
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 #include "scenario/OrvContext.h"
 #include "scenario/OrvRunStates.h"
 

@@ -6,8 +6,8 @@
 
 #include <sstream>
 
-#include "daemon/core/OrvLog.h"
-#include "daemon/core/OrvTimer.h"
+#include "core/OrvLog.h"
+#include "core/OrvTimer.h"
 #include "policy/OrvActionManager.h"
 #include "scenario/OrvAppStates.h"
 #include "scenario/OrvState.h"

@@ -3,8 +3,8 @@
 
 #include <string.h>
 
-#include "daemon/core/OrvLog.h"
-#include "daemon/core/OrvTimer.h"
+#include "core/OrvLog.h"
+#include "core/OrvTimer.h"
 #include "scenario/OrvAppStates.h"
 #include "scenario/OrvContext.h"
 #include "scenario/OrvRunStates.h"

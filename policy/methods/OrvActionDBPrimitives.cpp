@@ -13,7 +13,7 @@
 
 #include <atomic>
 
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 #include "policy/OrvActionDB.h"
 #include "policy/OrvChildProcess.h"
 #include "policy/methods/OrvDevice.h"

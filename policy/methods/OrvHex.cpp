@@ -4,7 +4,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 
 int hex2Int(const char* text, int& out) {
     unsigned int value = 0;

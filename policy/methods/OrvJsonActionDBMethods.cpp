@@ -1,5 +1,5 @@
 #define LOG_TAG "OrvActionManager"
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 #include "policy/OrvJsonActionDB.h"
 #include "policy/methods/OrvIoctlCfg.h"
 

@@ -2,7 +2,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 #include "policy/OrvJsonActionDB.h"
 #include "policy/methods/OrvHex.h"
 

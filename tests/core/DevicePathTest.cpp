@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "daemon/core/OrvDevicePath.h"
+#include "core/OrvDevicePath.h"
 
 // Only files directly in /data move to the data directory; everything else stays.
 TEST(DevicePath, DataDirectoryTakesOnlyFilesDirectlyInData) {

@@ -5,7 +5,7 @@
 
 #include <vector>
 
-#include "daemon/core/OrvHeapReserve.h"
+#include "core/OrvHeapReserve.h"
 
 namespace {
 

@@ -2,9 +2,9 @@
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
 
-#include "daemon/core/OrvDevicePath.h"
-#include "daemon/core/OrvLog.h"
-#include "daemon/core/OrvStopWatch.h"
+#include "core/OrvDevicePath.h"
+#include "core/OrvLog.h"
+#include "core/OrvStopWatch.h"
 #include "support/OrvTestSupport.h"
 
 namespace {

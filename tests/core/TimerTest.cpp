@@ -14,9 +14,9 @@
 #include <filesystem>
 #include <thread>
 
-#include "daemon/core/OrvLog.h"
-#include "daemon/core/OrvTimeoutWork.h"
-#include "daemon/core/OrvTimer.h"
+#include "core/OrvLog.h"
+#include "core/OrvTimeoutWork.h"
+#include "core/OrvTimer.h"
 #include "support/OrvTestSupport.h"
 
 // The wall clock as this process reads it, an hour ahead while sWallClockAhead is set: as if

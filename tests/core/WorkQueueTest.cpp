@@ -7,8 +7,8 @@
 #include <mutex>
 #include <thread>
 
-#include "daemon/core/OrvLog.h"
-#include "daemon/core/OrvWorkQueue.h"
+#include "core/OrvLog.h"
+#include "core/OrvWorkQueue.h"
 #include "support/OrvTestSupport.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 #include "policy/OrvActionManager.h"
 #include "scenario/OrvContext.h"
 #include "support/OrvTestSupport.h"

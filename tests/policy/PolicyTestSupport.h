@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 #include "policy/OrvActionManager.h"
 #include "policy/OrvJsonActionDB.h"
 #include "support/OrvTestSupport.h"

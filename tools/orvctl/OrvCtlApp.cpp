@@ -6,7 +6,7 @@
 #include <string.h>
 #include <time.h>
 
-#include "daemon/core/OrvVersion.h"
+#include "core/OrvVersion.h"
 #include "tools/orvctl/OrvCtlMonitor.h"
 #include "tools/orvctl/OrvCtlTrace.h"
 #include "tools/orvctl/OrvCtlUpdate.h"

@@ -6,7 +6,7 @@
 
 #include <map>
 
-#include "daemon/core/OrvDevicePath.h"
+#include "core/OrvDevicePath.h"
 #include "scenario/OrvState.h"
 #include "tools/orvctl/OrvCtlApp.h"
 #include "tools/sim/OrvSimulator.h"

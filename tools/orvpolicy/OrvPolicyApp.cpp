@@ -10,7 +10,7 @@
 #include <fstream>
 #include <random>
 
-#include "daemon/core/OrvVersion.h"
+#include "core/OrvVersion.h"
 #include "tools/codec/OrvPolicyDocument.h"
 #include "tools/codec/OrvPolicyEncoder.h"
 #include "tools/orvpolicy/OrvPolicyChecker.h"

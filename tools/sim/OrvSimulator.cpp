@@ -16,8 +16,8 @@
 #include <orvhost/host.h>
 #endif
 
-#include "daemon/core/OrvLog.h"
-#include "daemon/core/OrvTimer.h"
+#include "core/OrvLog.h"
+#include "core/OrvTimer.h"
 #include "policy/OrvStopAction.h"
 #include "scenario/OrvState.h"
 

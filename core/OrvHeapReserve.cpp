@@ -1,4 +1,4 @@
-#include "daemon/core/OrvHeapReserve.h"
+#include "core/OrvHeapReserve.h"
 
 #include <malloc.h>
 #include <stdint.h>

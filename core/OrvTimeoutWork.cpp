@@ -1,12 +1,12 @@
 #define LOG_TAG "OrvTimeoutWork"
 
-#include "daemon/core/OrvTimeoutWork.h"
+#include "core/OrvTimeoutWork.h"
 
 #include <cutils/sockets.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 #include "protocol/include/orv/protocol.h"
 
 namespace {

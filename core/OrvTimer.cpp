@@ -1,11 +1,11 @@
 #define LOG_TAG "OrvTimer"
 
-#include "daemon/core/OrvTimer.h"
+#include "core/OrvTimer.h"
 
 #include <errno.h>
 #include <time.h>
 
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 
 // Never destroyed: its thread is never joined and would run on in a dead object after exit().
 OrvTimer& OrvTimer::getInstance() {

@@ -1,6 +1,6 @@
 #define LOG_TAG "OrvLog"
 
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 
 #include <cutils/properties.h>
 #include <string.h>

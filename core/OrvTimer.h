@@ -1,8 +1,8 @@
 #pragma once
 #include <pthread.h>
 
-#include "daemon/core/OrvWork.h"
-#include "daemon/core/Thread.h"
+#include "core/OrvWork.h"
+#include "core/Thread.h"
 
 // The process-wide one-shot timer; on expiry it executes the time-out work on its own thread.
 class OrvTimer : public Thread {

@@ -4,8 +4,8 @@
 #include <atomic>
 #include <deque>
 
-#include "daemon/core/OrvWork.h"
-#include "daemon/core/Thread.h"
+#include "core/OrvWork.h"
+#include "core/Thread.h"
 
 // FIFO of work served by one thread. A work executes under the queue lock, so producers wait
 // while it runs; that serialisation is intended.

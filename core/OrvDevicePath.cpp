@@ -1,4 +1,4 @@
-#include "daemon/core/OrvDevicePath.h"
+#include "core/OrvDevicePath.h"
 
 #include <string.h>
 

@@ -1,4 +1,4 @@
-#include "daemon/core/Thread.h"
+#include "core/Thread.h"
 
 Thread::Thread() : mThread(0), mStarted(0) {}
 

@@ -1,10 +1,10 @@
 #define LOG_TAG "OrvStopWatch"
 
-#include "daemon/core/OrvStopWatch.h"
+#include "core/OrvStopWatch.h"
 
 #include <sys/time.h>
 
-#include "daemon/core/OrvLog.h"
+#include "core/OrvLog.h"
 
 OrvStopWatch gWatch("gWatch");
 

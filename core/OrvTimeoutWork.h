@@ -1,5 +1,5 @@
 #pragma once
-#include "daemon/core/OrvWork.h"
+#include "core/OrvWork.h"
 
 // Sends the TIMEOUT frame "[500,0]" to the daemon's own control socket, so that time-outs reach
 // the state machine on the listener thread like any other event.

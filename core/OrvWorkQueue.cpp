@@ -1,12 +1,12 @@
 #define LOG_TAG "OrvWorkQueue"
 
-#include "daemon/core/OrvWorkQueue.h"
+#include "core/OrvWorkQueue.h"
 
 #include <sched.h>
 #include <sys/resource.h>
 #include <time.h>
 
-#include "daemon/core/OrvStopWatch.h"
+#include "core/OrvStopWatch.h"
 
 OrvWorkQueue::OrvWorkQueue() : mShared(new Shared), mPriority(0), mPolicy(0) {
     pthread_mutex_init(&mShared->lock, nullptr);
