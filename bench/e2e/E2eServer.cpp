@@ -147,6 +147,16 @@ bool E2eServer::sync() {
     }
 }
 
+long E2eServer::memoryKb(const char* field) const {
+    std::ifstream in("/proc/" + std::to_string(mPid) + "/smaps_rollup");
+    const std::string key = std::string(field) + ":";
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.compare(0, key.size(), key) == 0) return atol(line.c_str() + key.size());
+    }
+    return -1;
+}
+
 long E2eServer::rssKb() const {
     std::ifstream in("/proc/" + std::to_string(mPid) + "/status");
     std::string line;

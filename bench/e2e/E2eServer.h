@@ -24,6 +24,8 @@ class E2eServer {
     bool sync();
 
     long rssKb() const;
+    // From smaps_rollup: the proportional share ("Pss") or a private part ("Private_Dirty").
+    long memoryKb(const char* field) const;
     // CPU time of all the process's threads so far, in nanoseconds.
     long long cpuNs() const;
     // Context switches of all the process's threads so far, voluntary and not.
