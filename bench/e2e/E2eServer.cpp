@@ -201,21 +201,31 @@ static bool waitsForSockets(const std::string& task) {
 }
 
 bool E2eServer::pin(int listenerCpu, int workerCpu) const {
-    std::vector<std::string> tasks = taskDirs(mPid);
-    int listeners = 0;
+    // The listener may be between two polls, handling the last bytes: look again until it waits.
+    std::vector<std::string> tasks;
+    std::vector<bool> listener;
+    for (int attempt = 0; attempt < 2000; ++attempt) {
+        tasks = taskDirs(mPid);
+        listener.assign(tasks.size(), false);
+        int listeners = 0;
+        for (size_t i = 0; i < tasks.size(); ++i)
+            listeners += listener[i] = waitsForSockets(tasks[i]);
+        if (listeners == 1) break;
+        if (attempt == 1999) {
+            fprintf(stderr, "bench: %s: %d threads wait in poll\n", mLabel.c_str(), listeners);
+            return false;
+        }
+        usleep(1000);
+    }
     bool ok = true;
-    for (const std::string& task : tasks) {
-        bool listener = waitsForSockets(task);
-        listeners += listener;
+    for (size_t i = 0; i < tasks.size(); ++i) {
         cpu_set_t set;
         CPU_ZERO(&set);
-        CPU_SET(listener ? listenerCpu : workerCpu, &set);
-        pid_t tid = atoi(task.c_str() + task.rfind('/') + 1);
+        CPU_SET(listener[i] ? listenerCpu : workerCpu, &set);
+        pid_t tid = atoi(tasks[i].c_str() + tasks[i].rfind('/') + 1);
         ok = sched_setaffinity(tid, sizeof(set), &set) == 0 && ok;
     }
-    if (listeners != 1)
-        fprintf(stderr, "bench: %s: %d listener threads\n", mLabel.c_str(), listeners);
-    return ok && listeners == 1;
+    return ok;
 }
 
 // Nanoseconds on a CPU, summed over the threads (schedstat's first field); the tick-based
