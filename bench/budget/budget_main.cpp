@@ -24,16 +24,18 @@
 
 namespace {
 
-const int kSkip = 77;        // ctest's skip code
-const double kSlack = 0.03;  // how far a figure may pass its budget
-const int kFrames = 20000;   // N frames of framing and dispatch
-const int kChanges = 2000;   // M pipelined state changes
+const int kSkip = 77;            // ctest's skip code
+const double kSlack = 0.03;      // how far a figure may pass its budget
+const int kFrames = 20000;       // N frames of framing and dispatch
+const int kChanges = 2000;       // M pipelined state changes
+const unsigned kPauseUs = 1000;  // between looks at the effect file, orvd being slow
 
 const char kApp[] = "com.bench.app";
 const int kPid = 1234;
 
 struct Options {
     std::string bin, example, budgets, toolchain;
+    std::string keep;  // where the callgrind reports stay, for callgrind_annotate
     bool record = false;
 };
 
@@ -86,7 +88,7 @@ long long run(const Options& opt, const std::string& dir, const std::string& pol
              orvd.sendAll(orv::frame(orv::PROCESS_START, p) +
                           orv::frame(orv::ACTIVITY_START, p + ";act;x") +
                           orv::frame(orv::ACTIVITY_DISPLAYED, p)) &&
-             seen.waitFor('1') && orvd.sync();
+             seen.waitFor('1', kPauseUs) && orvd.sync();
         std::string batch;
         if (ok && traffic == Traffic::Frames) {
             // A process start of a known pid: cut, dispatched, and changing nothing.
@@ -97,7 +99,7 @@ long long run(const Options& opt, const std::string& dir, const std::string& pol
             for (int i = 0; i + 1 < kChanges; ++i)
                 batch += listView(i % 2 == 0 ? orv::ListView::Scroll : orv::ListView::Idle);
             batch += listView(orv::ListView::Fling);
-            ok = orvd.sendAll(batch) && seen.waitFor('3') && orvd.sync();
+            ok = orvd.sendAll(batch) && seen.waitFor('3', kPauseUs) && orvd.sync();
         }
     }
     if (!orvd.interrupt() || !ok) return -1;
@@ -222,6 +224,8 @@ int main(int argc, char** argv) {
         if (a == "--skip" && i + 1 < argc) {
             printf("skipped: %s\n", argv[i + 1]);
             return kSkip;
+        } else if (a == "--keep" && i + 1 < argc) {
+            opt.keep = argv[++i];
         } else if (a == "--record") {
             opt.record = true;
         } else if (i + 1 < argc &&
@@ -234,7 +238,7 @@ int main(int argc, char** argv) {
         } else {
             fprintf(stderr,
                     "usage: orv_bench_budget --bin DIR --example POLICY --budgets FILE "
-                    "--toolchain TEXT [--record] | --skip REASON\n");
+                    "--toolchain TEXT [--record] [--keep DIR] | --skip REASON\n");
             return 2;
         }
     }
@@ -243,11 +247,15 @@ int main(int argc, char** argv) {
         return kSkip;
     }
     char tmpl[] = "/tmp/orv-budget-XXXXXX";
-    if (!mkdtemp(tmpl)) return 1;
+    if (opt.keep.empty() && !mkdtemp(tmpl)) return 1;
+    if (!opt.keep.empty()) mkdir(opt.keep.c_str(), 0755);
     std::vector<std::pair<std::string, long long>> figures;
-    bool ok = measure(opt, tmpl, figures);
+    bool ok = measure(opt, opt.keep.empty() ? tmpl : opt.keep, figures);
     std::string cleanup = std::string("rm -rf ") + tmpl;
-    if (system(cleanup.c_str()) != 0) ok = false;
+    if (opt.keep.empty() && system(cleanup.c_str()) != 0) ok = false;
+    if (!opt.keep.empty())
+        printf("budget: callgrind reports kept in %s/*/callgrind.out (callgrind_annotate)\n",
+               opt.keep.c_str());
     if (!ok) {
         fprintf(stderr, "budget: the session did not run through\n");
         return 1;
