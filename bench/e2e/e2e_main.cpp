@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -221,6 +222,7 @@ class Load {
         for (long i = 0; on && i < sysconf(_SC_NPROCESSORS_ONLN); ++i) {
             pid_t pid = fork();
             if (pid == 0) {
+                prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives a bench that dies
                 for (volatile unsigned long n = 0;; n = n + 1) {
                 }
             }
