@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <time.h>
 
+#include "core/OrvLockGuard.h"
 #include "core/OrvStopWatch.h"
 
 OrvWorkQueue::OrvWorkQueue() : mShared(new Shared), mPriority(0), mPolicy(0) {
@@ -36,10 +37,11 @@ bool OrvWorkQueue::close() {
 }
 
 void OrvWorkQueue::push_back(OrvWork* work) {
-    pthread_mutex_lock(&mShared->lock);
-    mShared->works.push_back(work);
-    gWatch.check(">==work added======>");
-    pthread_mutex_unlock(&mShared->lock);
+    {
+        OrvLockGuard guard(mShared->lock);
+        mShared->works.push_back(work);
+        gWatch.check(">==work added======>");
+    }
     // After unlocking: a thread woken while the mutex is still held would block on it at once
     // and need a second wake-up.
     pthread_cond_signal(&mShared->cond);
@@ -57,7 +59,7 @@ void* OrvWorkQueue::run() {
     // From here on the thread never reads the object itself, which may be gone once closed.
     Shared* const shared = mShared;
     for (;;) {
-        pthread_mutex_lock(&shared->lock);
+        OrvLockGuard guard(shared->lock);
         while (shared->works.empty()) {
             pthread_cond_wait(&shared->cond, &shared->lock);
         }
@@ -70,7 +72,6 @@ void* OrvWorkQueue::run() {
         if (work->isDeleteAfterRun()) {
             delete work;
         }
-        pthread_mutex_unlock(&shared->lock);
     }
     return nullptr;
 }

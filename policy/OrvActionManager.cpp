@@ -3,6 +3,7 @@
 
 #include <string.h>
 
+#include "core/OrvLockGuard.h"
 #include "core/OrvLog.h"
 #include "policy/OrvActionDB.h"
 #include "protocol/include/orv/protocol.h"
@@ -65,10 +66,8 @@ void OrvActionManager::executeStateChangeAction(OrvAction* action) {
 }
 
 bool OrvActionManager::hasStopAction() {
-    pthread_mutex_lock(&mDBLock);
-    bool has = mDB != nullptr && mDB->hasStopAction();
-    pthread_mutex_unlock(&mDBLock);
-    return has;
+    OrvLockGuard guard(mDBLock);
+    return mDB != nullptr && mDB->hasStopAction();
 }
 
 void OrvActionManager::executeStopAction(OrvAction* action) {
@@ -76,44 +75,36 @@ void OrvActionManager::executeStopAction(OrvAction* action) {
 }
 
 void OrvActionManager::checkUpdateDB() {
-    pthread_mutex_lock(&mUpdateLock);
-    pthread_mutex_lock(&mDBLock);
+    OrvLockGuard update(mUpdateLock);
+    OrvLockGuard db(mDBLock);
     if (mNewDB != nullptr) {
         delete mDB;
         mDB = mNewDB;
         mNewDB = nullptr;
         ALOGI("DB updated");
     }
-    pthread_mutex_unlock(&mDBLock);
-    pthread_mutex_unlock(&mUpdateLock);
 }
 
 bool OrvActionManager::findApp(const char* appName) {
-    pthread_mutex_lock(&mDBLock);
-    bool found = false;
+    OrvLockGuard guard(mDBLock);
     if (mDB == nullptr) {
         ALOGE("no DB exists");
-    } else {
-        found = mDB->findApp(appName);
+        return false;
     }
-    pthread_mutex_unlock(&mDBLock);
-    return found;
+    return mDB->findApp(appName);
 }
 
 bool OrvActionManager::findAppParam(const char* appName, const char* paramName, std::string& out) {
-    pthread_mutex_lock(&mDBLock);
-    bool found = false;
+    OrvLockGuard guard(mDBLock);
     if (mDB == nullptr) {
         ALOGE("no DB exists");
-    } else {
-        found = mDB->findAppParam(appName, paramName, out);
+        return false;
     }
-    pthread_mutex_unlock(&mDBLock);
-    return found;
+    return mDB->findAppParam(appName, paramName, out);
 }
 
 void OrvActionManager::dumpState(std::string& out) {
-    pthread_mutex_lock(&mDBLock);
+    OrvLockGuard guard(mDBLock);
     std::string text = "[ActionManager]\n";
     if (mDB != nullptr) {
         mDB->dumpState(text);
@@ -121,5 +112,4 @@ void OrvActionManager::dumpState(std::string& out) {
         text += "  PolicyDB: failed to load\n";
     }
     out = text;
-    pthread_mutex_unlock(&mDBLock);
 }

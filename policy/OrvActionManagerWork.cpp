@@ -4,9 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "crypto/OrvPolicyFile.h"
 #include "core/OrvDevicePath.h"
+#include "core/OrvLockGuard.h"
 #include "core/OrvLog.h"
+#include "crypto/OrvPolicyFile.h"
 #include "policy/OrvActionManager.h"
 #include "policy/OrvJsonActionDB.h"
 
@@ -81,7 +82,7 @@ void OrvActionManager::OrvPrepareDBUpdateWork::execute() {
         ALOGE("execute %s failed: No target ActionManager", getName());
         return;
     }
-    pthread_mutex_lock(&manager->mUpdateLock);
+    OrvLockGuard guard(manager->mUpdateLock);
     // The file is read once: what is checked is what is stored, whatever happens to the file
     // meanwhile. Stored durably first, accepted after, so a reboot brings back what was accepted.
     std::string text;
@@ -102,7 +103,6 @@ void OrvActionManager::OrvPrepareDBUpdateWork::execute() {
         ALOGI("new DB %s is prepared to update)", mPath.c_str());
         removeOffered(mPath.c_str(), target.c_str());
     }
-    pthread_mutex_unlock(&manager->mUpdateLock);
 }
 
 // The offered file goes, as a move would take it, unless it is the stored file itself.

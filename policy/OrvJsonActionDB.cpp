@@ -8,7 +8,6 @@
 #include "crypto/OrvPolicyDecoder.h"
 #include "crypto/OrvPolicyFile.h"
 #include "core/OrvDevicePath.h"
-#include "core/OrvHeapReserve.h"
 #include "core/OrvLog.h"
 #include "policy/OrvCycleCheck.h"
 #include "policy/OrvGroupBounds.h"
@@ -113,9 +112,6 @@ OrvJsonActionDB* OrvJsonActionDB::createDBFromText(const char* path, const std::
         }
     }
     const std::string& text = encrypted ? plain : content;
-    // The text and then JsonCpp's tree, about nine bytes of heap for each byte of text, come
-    // from pages made resident at once.
-    OrvHeapReserve reserve(text.size() * 10);
     const char* stage = encrypted ? "after decrypt" : "before decrypt";
     Json::Value* root = new Json::Value();
     Json::Reader reader;

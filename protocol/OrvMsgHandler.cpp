@@ -61,13 +61,23 @@ static size_t findFrom(const std::string& text, char c, size_t from) {
                : std::string::npos;
 }
 
+// findFrom for a mark that is usually a few bytes on, as in a header: a loop over those beats the
+// call, and memchr takes over past them.
+static size_t findNear(const std::string& text, char c, size_t from) {
+    const size_t near = text.size() - from < 16 ? text.size() : from + 16;
+    for (size_t i = from; i < near; ++i) {
+        if (text[i] == c) return i;
+    }
+    return findFrom(text, c, near);
+}
+
 // Frames are cut where they lie: `at` marks the start of what is left, and only a frame's end is
 // NUL-terminated for the moment its handler runs. Returns how many leading bytes were used up.
 size_t OrvMsgHandler::cutFrames(std::string& msgBuf, SocketClient* client) {
     size_t at = 0;
     while (at < msgBuf.size() && !mReplyFailed) {
         const char* rest = msgBuf.c_str() + at;
-        size_t open = findFrom(msgBuf, '[', at);
+        size_t open = msgBuf[at] == '[' ? at : findFrom(msgBuf, '[', at);
         if (open == std::string::npos) {
             ALOGE("msg parser error: missing '[', broken msg(%s)", rest);
             ALOGE("msg parser error: clear msg");
@@ -82,7 +92,7 @@ size_t OrvMsgHandler::cutFrames(std::string& msgBuf, SocketClient* client) {
             at = 0;
             continue;
         }
-        size_t comma = findFrom(msgBuf, ',', at);
+        size_t comma = findNear(msgBuf, ',', at);
         if (comma == std::string::npos) {
             ALOGE("msg parser error: missing ',', broken msg(%s)", rest);
             ALOGE("msg parser error: wait next msg");
@@ -90,7 +100,7 @@ size_t OrvMsgHandler::cutFrames(std::string& msgBuf, SocketClient* client) {
         }
         // Stops at the comma, as atoi would at the end of the code's own copy.
         int code = OrvAtoi(rest + 1);
-        size_t close = findFrom(msgBuf, ']', comma);
+        size_t close = findNear(msgBuf, ']', comma);
         if (close == std::string::npos) {
             ALOGE("msg parser error: missing ']', broken msg(%s)", rest);
             ALOGE("msg parser error: wait next msg");

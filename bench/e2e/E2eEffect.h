@@ -14,11 +14,14 @@ class E2eEffect {
     ~E2eEffect() {
         if (mFd >= 0) close(mFd);
     }
-    bool waitFor(char want) const {
-        long long deadline = e2eNowNs() + 10000000000LL;
+    // Spins unless `pauseUs` is given: a latency is measured to the first read that sees it, but
+    // a slow server (one under valgrind) is better left the CPU.
+    bool waitFor(char want, unsigned pauseUs = 0) const {
+        long long deadline = e2eNowNs() + (pauseUs ? 120000000000LL : 10000000000LL);
         char c = 0;
         for (unsigned i = 0;; ++i) {
             if (pread(mFd, &c, 1, 0) == 1 && c == want) return true;
+            if (pauseUs) usleep(pauseUs);
             if ((i & 1023) == 0 && e2eNowNs() > deadline) {
                 fprintf(stderr, "bench: effect '%c' never appeared (last '%c')\n", want, c);
                 return false;

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -11,6 +12,7 @@
 #include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -89,6 +91,23 @@ void E2eServer::stop() {
     mPid = -1;
 }
 
+bool E2eServer::interrupt() {
+    if (mClient >= 0) close(mClient);
+    mClient = -1;
+    if (mPid <= 0) return false;
+    kill(mPid, SIGINT);
+    for (int i = 0; i < 60000; ++i) {
+        if (waitpid(mPid, nullptr, WNOHANG) == mPid) {
+            mPid = -1;
+            return true;
+        }
+        usleep(1000);
+    }
+    fprintf(stderr, "bench: %s did not end on SIGINT\n", mLabel.c_str());
+    stop();
+    return false;
+}
+
 bool E2eServer::connectClient() {
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
@@ -128,6 +147,16 @@ bool E2eServer::sync() {
     }
 }
 
+long E2eServer::memoryKb(const char* field) const {
+    std::ifstream in("/proc/" + std::to_string(mPid) + "/smaps_rollup");
+    const std::string key = std::string(field) + ":";
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.compare(0, key.size(), key) == 0) return atol(line.c_str() + key.size());
+    }
+    return -1;
+}
+
 long E2eServer::rssKb() const {
     std::ifstream in("/proc/" + std::to_string(mPid) + "/status");
     std::string line;
@@ -137,19 +166,76 @@ long E2eServer::rssKb() const {
     return -1;
 }
 
+static std::vector<std::string> taskDirs(pid_t pid) {
+    std::vector<std::string> out;
+    const std::string dir = "/proc/" + std::to_string(pid) + "/task";
+    DIR* tasks = opendir(dir.c_str());
+    if (!tasks) return out;
+    while (dirent* e = readdir(tasks)) {
+        if (e->d_name[0] != '.') out.push_back(dir + "/" + e->d_name);
+    }
+    closedir(tasks);
+    return out;
+}
+
+long long E2eServer::switches() const {
+    long long total = 0;
+    for (const std::string& task : taskDirs(mPid)) {
+        std::ifstream in(task + "/status");
+        std::string line;
+        while (std::getline(in, line)) {
+            if (line.find("ctxt_switches:") != std::string::npos)
+                total += atoll(line.c_str() + line.find(':') + 1);
+        }
+    }
+    return total;
+}
+
+// The listener is the thread blocked in a poll-like call; the rest wait on futexes.
+static bool waitsForSockets(const std::string& task) {
+    std::ifstream in(task + "/syscall");
+    long nr = -1;
+    if (!(in >> nr)) return false;
+    return nr == SYS_poll || nr == SYS_ppoll || nr == SYS_select || nr == SYS_pselect6 ||
+           nr == SYS_epoll_wait || nr == SYS_epoll_pwait;
+}
+
+bool E2eServer::pin(int listenerCpu, int workerCpu) const {
+    // The listener may be between two polls, handling the last bytes: look again until it waits.
+    std::vector<std::string> tasks;
+    std::vector<bool> listener;
+    for (int attempt = 0; attempt < 2000; ++attempt) {
+        tasks = taskDirs(mPid);
+        listener.assign(tasks.size(), false);
+        int listeners = 0;
+        for (size_t i = 0; i < tasks.size(); ++i)
+            listeners += listener[i] = waitsForSockets(tasks[i]);
+        if (listeners == 1) break;
+        if (attempt == 1999) {
+            fprintf(stderr, "bench: %s: %d threads wait in poll\n", mLabel.c_str(), listeners);
+            return false;
+        }
+        usleep(1000);
+    }
+    bool ok = true;
+    for (size_t i = 0; i < tasks.size(); ++i) {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        CPU_SET(listener[i] ? listenerCpu : workerCpu, &set);
+        pid_t tid = atoi(tasks[i].c_str() + tasks[i].rfind('/') + 1);
+        ok = sched_setaffinity(tid, sizeof(set), &set) == 0 && ok;
+    }
+    return ok;
+}
+
 // Nanoseconds on a CPU, summed over the threads (schedstat's first field); the tick-based
 // times of /proc/PID/stat are too coarse for a few thousand events.
 long long E2eServer::cpuNs() const {
-    const std::string dir = "/proc/" + std::to_string(mPid) + "/task";
-    DIR* tasks = opendir(dir.c_str());
-    if (!tasks) return -1;
     long long total = 0;
-    while (dirent* e = readdir(tasks)) {
-        if (e->d_name[0] == '.') continue;
-        std::ifstream in(dir + "/" + e->d_name + "/schedstat");
+    for (const std::string& task : taskDirs(mPid)) {
+        std::ifstream in(task + "/schedstat");
         long long ns = 0;
         if (in >> ns) total += ns;
     }
-    closedir(tasks);
     return total;
 }

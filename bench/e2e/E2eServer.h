@@ -14,6 +14,9 @@ class E2eServer {
     // nanoseconds from just before the fork, or -1.
     long long start();
     void stop();
+    // Ends the process as an operator would, with SIGINT, so that a tool it runs under writes its
+    // report; false when it did not end in time (it is then killed).
+    bool interrupt();
     // Connects a client to the control socket, retrying while it is not yet listening.
     bool connectClient();
     bool sendAll(const std::string& bytes);
@@ -21,8 +24,16 @@ class E2eServer {
     bool sync();
 
     long rssKb() const;
+    // From smaps_rollup: the proportional share ("Pss") or a private part ("Private_Dirty").
+    long memoryKb(const char* field) const;
     // CPU time of all the process's threads so far, in nanoseconds.
     long long cpuNs() const;
+    // Context switches of all the process's threads so far, voluntary and not.
+    long long switches() const;
+    // Pins the thread that waits for socket data to `listenerCpu` and every other thread (the
+    // worker, and orvd's idle main and timer threads) to `workerCpu`. False when no thread is
+    // found waiting in poll, or a pin fails.
+    bool pin(int listenerCpu, int workerCpu) const;
 
     const std::string& label() const { return mLabel; }
     const std::string& root() const { return mRoot; }

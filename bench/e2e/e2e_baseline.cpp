@@ -3,6 +3,8 @@
 // most 511 bytes per arrival, cuts frames, and hands every LIST_VIEW event through a mutex and
 // condition variable queue to a second thread that opens, writes and closes the effect file.
 // Everything else a real daemon does (logging, a state machine, a policy) is left out on purpose.
+// With --hold-lock the worker writes while still holding the queue mutex, so that producers wait
+// for it as they wait for orvd's action queue: the same serialisation at the least cost.
 #include <errno.h>
 #include <fcntl.h>
 #include <orv/protocol.h>
@@ -29,6 +31,15 @@ std::string gEffect;
 pthread_mutex_t gLock = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t gCond = PTHREAD_COND_INITIALIZER;
 std::deque<char> gQueue;
+bool gHoldLock = false;
+
+void effect(char value) {
+    int fd = open(gEffect.c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        if (write(fd, &value, 1) != 1) perror("baseline: write");
+        close(fd);
+    }
+}
 
 void* worker(void*) {
     for (;;) {
@@ -36,12 +47,9 @@ void* worker(void*) {
         while (gQueue.empty()) pthread_cond_wait(&gCond, &gLock);
         char value = gQueue.front();
         gQueue.pop_front();
+        if (gHoldLock) effect(value);
         pthread_mutex_unlock(&gLock);
-        int fd = open(gEffect.c_str(), O_WRONLY | O_CLOEXEC);
-        if (fd >= 0) {
-            if (write(fd, &value, 1) != 1) perror("baseline: write");
-            close(fd);
-        }
+        if (!gHoldLock) effect(value);
     }
     return nullptr;
 }
@@ -125,8 +133,13 @@ struct Frames {
 
 int main(int argc, char** argv) {
     const char* root = getenv("ORV_ROOT");
+    if (argc > 1 && strcmp(argv[1], "--hold-lock") == 0) {
+        gHoldLock = true;
+        --argc;
+        ++argv;
+    }
     if (!root || argc < 2) {
-        fprintf(stderr, "usage: ORV_ROOT=DIR orv_bench_baseline EFFECT_FILE\n");
+        fprintf(stderr, "usage: ORV_ROOT=DIR orv_bench_baseline [--hold-lock] EFFECT_FILE\n");
         return 2;
     }
     gRoot = root;
