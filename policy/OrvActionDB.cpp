@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "core/OrvLog.h"
+#include "policy/OrvOrEmpty.h"
 #include "protocol/include/orv/protocol.h"
 
 OrvActionDB::OrvActionDB(bool encrypted)
@@ -75,10 +76,6 @@ std::string OrvActionDB::getLastActionSet() {
     std::string text = mLastActionSet.str();
     pthread_mutex_unlock(&mInfoLock);
     return text;
-}
-
-static const char* orEmpty(const char* text) {
-    return text ? text : "";
 }
 
 std::string OrvActionDB::getCurActionInfoStr() {

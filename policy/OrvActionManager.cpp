@@ -6,11 +6,8 @@
 #include "core/OrvLockGuard.h"
 #include "core/OrvLog.h"
 #include "policy/OrvActionDB.h"
+#include "policy/OrvOrEmpty.h"
 #include "protocol/include/orv/protocol.h"
-
-static const char* orEmpty(const char* text) {
-    return text ? text : "";
-}
 
 OrvActionManager::OrvActionManager() : mDB(nullptr), mNewDB(nullptr) {
     pthread_mutex_init(&mDBLock, nullptr);

@@ -10,13 +10,10 @@
 #include "crypto/OrvPolicyFile.h"
 #include "policy/OrvActionManager.h"
 #include "policy/OrvJsonActionDB.h"
+#include "policy/OrvOrEmpty.h"
 
 static const char* const POLICY_DB_FILE = "/data/orvpolicy";
 static const char* const POLICY_DB_FILE_BUILTIN = "/system/etc/orvpolicy";
-
-static const char* orEmpty(const char* text) {
-    return text ? text : "";
-}
 
 OrvActionManager::OrvAction::OrvAction(const char* name, const char* fromApp, int fromPid,
                                        int fromGLTid, const char* fromState, const char* toApp,

@@ -5,11 +5,8 @@
 
 #include "core/OrvLog.h"
 #include "policy/OrvJsonActionDB.h"
+#include "policy/OrvOrEmpty.h"
 #include "protocol/include/orv/protocol.h"
-
-static const char* orEmpty(const char* text) {
-    return text ? text : "";
-}
 
 int OrvJsonActionDB::runKeyedAction(OrvAction* action, const char* app, const char* state,
                                     const char* key, ActionDir dir, const char* noDocError) {

@@ -61,26 +61,23 @@ int OrvJsonActionDB::getIoctlCfg(const Json::Value& methodObject, const char* ke
         ALOGE("\"%s\" is not an object @%s", key, getCurActionInfoStr().c_str());
         return -1;
     }
-    const Json::Value& dir = object["dir"];
-    if (!dir.isString()) {
-        ALOGE("\"%s \" should be a string in %s @%s", "dir", key, getCurActionInfoStr().c_str());
-        return -1;
-    }
-    if (!cfg.setDir(dir.asCString())) {
-        ALOGE("Unknown \"%s\" type(%s) in %s @%s", "dir", dir.asCString(), key,
+    // "dir" and "type" are texts the configuration must accept; a refusal names the field's
+    // `what` ("type" or "format"), the type's with a full stop.
+    auto text = [&](const char* field, bool (OrvIoctlCfg::*set)(const char*), const char* what,
+                    const char* stop) {
+        const Json::Value& v = object[field];
+        if (!v.isString()) {
+            ALOGE("\"%s \" should be a string in %s @%s", field, key, getCurActionInfoStr().c_str());
+            return false;
+        }
+        if ((cfg.*set)(v.asCString())) return true;
+        ALOGE("Unknown \"%s\" %s(%s) in %s%s @%s", field, what, v.asCString(), key, stop,
               getCurActionInfoStr().c_str());
+        return false;
+    };
+    if (!text("dir", &OrvIoctlCfg::setDir, "type", "") ||
+        !text("type", &OrvIoctlCfg::setType, "format", "."))
         return -1;
-    }
-    const Json::Value& type = object["type"];
-    if (!type.isString()) {
-        ALOGE("\"%s \" should be a string in %s @%s", "type", key, getCurActionInfoStr().c_str());
-        return -1;
-    }
-    if (!cfg.setType(type.asCString())) {
-        ALOGE("Unknown \"%s\" format(%s) in %s. @%s", "type", type.asCString(), key,
-              getCurActionInfoStr().c_str());
-        return -1;
-    }
     const Json::Value& nr = object["nr"];
     if (!nr.isInt()) {
         ALOGE("\"%s \" should be an int in %s. (fetch %s)", "nr", key,

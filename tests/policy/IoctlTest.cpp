@@ -1,69 +1,53 @@
 // "ioctl" and "orv_ioctl" requests and argument bytes, recorded without a driver.
-#include <dlfcn.h>
 #include <errno.h>
-#include <stdarg.h>
 
-#include <mutex>
 #include <set>
 #include <tuple>
 
 #include "PolicyTestSupport.h"
+#include "policy/methods/OrvDevice.h"
 
 namespace {
 
-struct Call {
-    int fd;
-    uint32_t request;
-    bool nullArg;
-    std::string arg;  // text up to its NUL, or the first gBytes bytes of the argument
-};
-std::mutex gLock;
-struct stat gNode;
-bool gWatching = false, gFail = false;
-size_t gBytes = 0;
-std::vector<Call> gCalls;
+// The system, but the ioctls on one regular file are recorded instead of issued.
+class IoctlRecorder : public OrvDevice {
+  public:
+    struct Call {
+        int fd;
+        uint32_t request;
+        bool nullArg;
+        std::string arg;  // text up to its NUL, or the first `bytes` bytes of the argument
+    };
 
-// Records the ioctl calls made on the regular file `node`, failing them with EINVAL if `fail`.
-void watch(const std::string& node, size_t bytes = 0, bool fail = false) {
-    std::lock_guard<std::mutex> lock(gLock);
-    gWatching = stat(node.c_str(), &gNode) == 0;
-    gBytes = bytes;
-    gFail = fail;
-    gCalls.clear();
-}
-std::vector<Call> calls() {
-    std::lock_guard<std::mutex> lock(gLock);
-    return gCalls;
-}
-
-}  // namespace
-
-// Linked in place of libc's ioctl; calls on other files go through to it.
-extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
-    va_list ap;
-    va_start(ap, request);
-    void* arg = va_arg(ap, void*);
-    va_end(ap);
-    struct stat st;
-    {
-        std::lock_guard<std::mutex> lock(gLock);
-        if (gWatching && fstat(fd, &st) == 0 && st.st_dev == gNode.st_dev &&
-            st.st_ino == gNode.st_ino) {
-            const char* p = static_cast<const char*>(arg);
-            gCalls.push_back({fd, uint32_t(request), !p,
-                              !p       ? ""
-                              : gBytes ? std::string(p, gBytes)
-                                       : p});
-            if (gFail) errno = EINVAL;
-            return gFail ? -1 : 0;
-        }
+    // Records the calls on `node`, failing them with EINVAL if `fail`.
+    void watch(const std::string& node, size_t bytes = 0, bool fail = false) {
+        mWatching = stat(node.c_str(), &mNode) == 0;
+        mBytes = bytes;
+        mFail = fail;
+        mCalls.clear();
     }
-    static auto real =
-        reinterpret_cast<int (*)(int, unsigned long, void*)>(dlsym(RTLD_NEXT, "ioctl"));
-    return real ? real(fd, request, arg) : -1;
-}
+    const std::vector<Call>& calls() const { return mCalls; }
 
-namespace {
+    int ioctl(int fd, unsigned long request, void* arg) override {
+        struct stat st;
+        if (!mWatching || fstat(fd, &st) != 0 || st.st_dev != mNode.st_dev ||
+            st.st_ino != mNode.st_ino)
+            return OrvDevice::ioctl(fd, request, arg);
+        const char* p = static_cast<const char*>(arg);
+        mCalls.push_back({fd, uint32_t(request), !p,
+                          !p       ? ""
+                          : mBytes ? std::string(p, mBytes)
+                                   : p});
+        if (mFail) errno = EINVAL;
+        return mFail ? -1 : 0;
+    }
+
+  private:
+    struct stat mNode = {};
+    bool mWatching = false, mFail = false;
+    size_t mBytes = 0;
+    std::vector<Call> mCalls;
+};
 
 // The argument bytes of an int, as the driver sees them.
 std::string bytesOf(int v) {
@@ -77,7 +61,19 @@ std::string subst(std::string text, char from, const std::string& to) {
     return text;
 }
 
-using IoctlTest = policytest::PolicyTest;
+class IoctlTest : public policytest::PolicyTest {
+  protected:
+    void SetUp() override {
+        PolicyTest::SetUp();
+        OrvDevice::install(&recorder);
+    }
+    void TearDown() override {
+        OrvDevice::install(nullptr);
+        PolicyTest::TearDown();
+    }
+    // The methods run on this thread only, so it may go with the test.
+    IoctlRecorder recorder;
+};
 
 TEST_F(IoctlTest, RequestsArgumentsAndRefusals) {
     const std::string node = mRoot.write("dev/orvnode", "");
@@ -140,10 +136,10 @@ TEST_F(IoctlTest, RequestsArgumentsAndRefusals) {
     };
     // clang-format on
     for (const Row& r : rows) {
-        watch(node, r.bytes, r.request && !r.error.empty());
+        recorder.watch(node, r.bytes, r.request && !r.error.empty());
         mLog.clear();
         run(r.method);
-        auto got = calls();
+        const auto& got = recorder.calls();
         ASSERT_EQ(r.request ? 1u : 0u, got.size()) << r.method;
         if (r.request) {
             EXPECT_EQ(std::make_tuple(r.request, r.nullArg, r.arg),
@@ -153,13 +149,12 @@ TEST_F(IoctlTest, RequestsArgumentsAndRefusals) {
         EXPECT_EQ(expand(r.error), errors()) << r.method;
     }
     // The node is opened anew each time.
-    watch(node);
+    recorder.watch(node);
     run("I&,^{'dir':'_IO','type':'T','nr':1}", 3);
     run("O&,'value':'x'", 2);
     std::set<int> fds;
-    for (const auto& c : calls()) fds.insert(c.fd);
+    for (const auto& c : recorder.calls()) fds.insert(c.fd);
     EXPECT_EQ(5u, fds.size());  // five calls, five descriptors
-    watch("");
 }
 
 }  // namespace

@@ -4,21 +4,9 @@
 #include <stdio.h>
 
 #include "tools/codec/OrvPolicyEncoder.h"
+#include "tools/codec/OrvTextCursor.h"
 
 namespace {
-
-void lineAndColumn(const std::string& text, size_t offset, int& line, int& column) {
-    line = 1;
-    column = 1;
-    for (size_t i = 0; i < offset && i < text.size(); ++i) {
-        if (text[i] == '\n') {
-            ++line;
-            column = 1;
-        } else {
-            ++column;
-        }
-    }
-}
 
 // A protected file is one long line of printable characters, an even number of them.
 bool looksProtected(const std::string& text) {
@@ -51,11 +39,12 @@ bool OrvPolicyDocument::parse(const std::string& text, Json::Value& root,
     if (reader.parse(text, root, true)) return true;
     std::vector<Json::Reader::StructuredError> errors = reader.getStructuredErrors();
     for (const auto& e : errors) {
-        int line = 0, column = 0;
-        lineAndColumn(text, static_cast<size_t>(e.offset_start), line, column);
+        OrvTextCursor at(text);
+        at.advanceTo(static_cast<size_t>(e.offset_start));
         std::string message = e.message;
         while (!message.empty() && message.back() == '\n') message.pop_back();
-        problems.push_back(std::to_string(line) + ":" + std::to_string(column) + ": " + message);
+        problems.push_back(std::to_string(at.line()) + ":" + std::to_string(at.column()) + ": " +
+                           message);
     }
     if (problems.empty()) problems.push_back("1:1: not a JSON document");
     return false;

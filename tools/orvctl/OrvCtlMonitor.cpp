@@ -5,10 +5,10 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 #include <unistd.h>
 
-#include "tools/orvctl/OrvCtlApp.h"
+#include "tools/orvctl/OrvCtlClock.h"
+#include "tools/orvctl/OrvCtlSession.h"
 
 namespace {
 
@@ -17,12 +17,6 @@ volatile sig_atomic_t sStop = 0;
 
 void onStop(int) {
     sStop = 1;
-}
-
-long long nowMs() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
 }
 
 // "from[app, pid, gltid, state] to[app, pid, gltid, state]" as "app state -> app state".
@@ -78,20 +72,21 @@ int OrvCtlMonitor::run(const std::vector<std::string>& args) {
             forMs = atoi(args[++i].c_str());
         } else {
             fprintf(stderr, "orvctl: usage: [--log FILE] monitor [--for MS]\n");
-            return OrvCtlApp::EXIT_USAGE;
+            return OrvCtlSession::EXIT_USAGE;
         }
     }
     // With --wait, orvd may still be starting: wait for it to answer, and for its log, which the
     // shell that starts it may create a moment later than the monitor looks.
-    const long long waitEnd = nowMs() + mApp.waitMs();
-    if (mApp.waitMs() > 0) {
+    const long long waitEnd = OrvCtlClock::nowMs() + mSession.waitMs();
+    if (mSession.waitMs() > 0) {
         OrvConnection conn;
-        if (!mApp.connect(conn)) return OrvCtlApp::EXIT_UNREACHABLE;
+        if (!mSession.connect(conn)) return OrvCtlSession::EXIT_UNREACHABLE;
     }
     FILE* in = nullptr;
-    const bool fromFile = !mApp.logPath().empty();
+    const bool fromFile = !mSession.logPath().empty();
     if (fromFile) {
-        while (!(in = fopen(mApp.logPath().c_str(), "r")) && errno == ENOENT && nowMs() < waitEnd)
+        while (!(in = fopen(mSession.logPath().c_str(), "r")) && errno == ENOENT &&
+               OrvCtlClock::nowMs() < waitEnd)
             usleep(10000);
         if (in) fseek(in, 0, SEEK_END);
     } else {
@@ -101,8 +96,8 @@ int OrvCtlMonitor::run(const std::vector<std::string>& args) {
         fprintf(stderr,
                 "orvctl: monitor: cannot read %s (%s); on a host give orvd's standard "
                 "error with --log FILE\n",
-                fromFile ? mApp.logPath().c_str() : "logcat", strerror(errno));
-        return OrvCtlApp::EXIT_REFUSED;
+                fromFile ? mSession.logPath().c_str() : "logcat", strerror(errno));
+        return OrvCtlSession::EXIT_REFUSED;
     }
     char old[PROPERTY_VALUE_MAX + 1] = {};
     property_get(kDebugSwitch, old, "");
@@ -113,13 +108,14 @@ int OrvCtlMonitor::run(const std::vector<std::string>& args) {
     sa.sa_handler = onStop;
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
-    printf("monitoring orvd (%s); stop with Ctrl-C\n", fromFile ? mApp.logPath().c_str() : "logcat");
+    printf("monitoring orvd (%s); stop with Ctrl-C\n",
+           fromFile ? mSession.logPath().c_str() : "logcat");
     fflush(stdout);
 
-    const long long end = forMs >= 0 ? nowMs() + forMs : -1;
+    const long long end = forMs >= 0 ? OrvCtlClock::nowMs() + forMs : -1;
     std::string pending;
     char buf[4096];
-    while (!sStop && (end < 0 || nowMs() < end)) {
+    while (!sStop && (end < 0 || OrvCtlClock::nowMs() < end)) {
         size_t n = fread(buf, 1, sizeof(buf), in);
         if (n == 0) {
             clearerr(in);
@@ -141,5 +137,5 @@ int OrvCtlMonitor::run(const std::vector<std::string>& args) {
         fclose(in);
     else
         pclose(in);
-    return OrvCtlApp::EXIT_OK;
+    return OrvCtlSession::EXIT_OK;
 }

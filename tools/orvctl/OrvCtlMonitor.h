@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
-class OrvCtlApp;
+class OrvCtlSession;
 
 class OrvCtlMonitor {
   public:
-    explicit OrvCtlMonitor(OrvCtlApp& app) : mApp(app) {}
+    explicit OrvCtlMonitor(OrvCtlSession& session) : mSession(session) {}
     int run(const std::vector<std::string>& args);
 
     // One log line in logcat's threadtime form as a monitor line; empty when it says nothing
@@ -18,5 +18,5 @@ class OrvCtlMonitor {
     static std::string describe(const std::string& logLine);
 
   private:
-    OrvCtlApp& mApp;
+    OrvCtlSession& mSession;
 };

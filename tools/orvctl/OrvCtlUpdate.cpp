@@ -5,22 +5,16 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <fstream>
 
 #include "policy/OrvJsonActionDB.h"
 #include "tools/codec/OrvPolicyDocument.h"
-#include "tools/orvctl/OrvCtlApp.h"
+#include "tools/orvctl/OrvCtlClock.h"
+#include "tools/orvctl/OrvCtlSession.h"
 
 namespace {
-
-long long nowMs() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
-}
 
 std::string absolute(const std::string& path) {
     if (!path.empty() && path[0] == '/') return path;
@@ -48,7 +42,7 @@ std::string OrvCtlUpdate::versionInDump(const std::string& dump) {
 int OrvCtlUpdate::run(const std::vector<std::string>& args) {
     if (args.size() != 1) {
         fprintf(stderr, "orvctl: usage: update PATH\n");
-        return OrvCtlApp::EXIT_USAGE;
+        return OrvCtlSession::EXIT_USAGE;
     }
     // orvd opens the path from its own working directory, which is not ours.
     const std::string path = absolute(args[0]);
@@ -57,12 +51,12 @@ int OrvCtlUpdate::run(const std::vector<std::string>& args) {
         case OrvPolicyDocument::UNREADABLE:
             fprintf(stderr, "orvctl: update: cannot read %s (%s); nothing sent\n", path.c_str(),
                     strerror(errno));
-            return OrvCtlApp::EXIT_REFUSED;
+            return OrvCtlSession::EXIT_REFUSED;
         case OrvPolicyDocument::INVALID:
             for (const auto& p : doc.problems())
                 fprintf(stderr, "orvctl: update: %s:%s\n", path.c_str(), p.c_str());
             fprintf(stderr, "orvctl: update: orvd would refuse %s; nothing sent\n", path.c_str());
-            return OrvCtlApp::EXIT_REFUSED;
+            return OrvCtlSession::EXIT_REFUSED;
         case OrvPolicyDocument::OK:
             break;
     }
@@ -72,11 +66,11 @@ int OrvCtlUpdate::run(const std::vector<std::string>& args) {
         fprintf(stderr, "orvctl: update: %s needs parser %s; orvd reads up to %s; nothing sent\n",
                 path.c_str(), candidate.getDBMinSupportParserVersionString().c_str(),
                 candidate.getParserVersionString());
-        return OrvCtlApp::EXIT_REFUSED;
+        return OrvCtlSession::EXIT_REFUSED;
     }
     std::string dump;
-    int status = mApp.query(orv::DUMP_STATE, "", dump);
-    if (status != OrvCtlApp::EXIT_OK) return status;
+    int status = mSession.query(orv::DUMP_STATE, "", dump);
+    if (status != OrvCtlSession::EXIT_OK) return status;
     const std::string running = versionInDump(dump);
     const float current = running.empty() ? 0.0f : OrvJsonActionDB::parseVersion(running.c_str());
     const float offered = candidate.getDBVersion();
@@ -86,7 +80,7 @@ int OrvCtlUpdate::run(const std::vector<std::string>& args) {
                 "newer versions; nothing sent\n",
                 path.c_str(), candidate.getDBVersionString().c_str(), offered,
                 running.empty() ? "none" : running.c_str(), current);
-        return OrvCtlApp::EXIT_REFUSED;
+        return OrvCtlSession::EXIT_REFUSED;
     }
     fprintf(stderr,
             "orvctl: update: %s (version %s, was %s): orvd moves the file to its policy "
@@ -95,34 +89,34 @@ int OrvCtlUpdate::run(const std::vector<std::string>& args) {
             running.empty() ? "none" : running.c_str());
 
     // Only what orvd logs from now on is its answer to this file.
-    const size_t logStart = mApp.logPath().empty() ? 0 : readAll(mApp.logPath()).size();
+    const size_t logStart = mSession.logPath().empty() ? 0 : readAll(mSession.logPath()).size();
     OrvConnection conn;
-    if (!mApp.connect(conn)) return OrvCtlApp::EXIT_UNREACHABLE;
+    if (!mSession.connect(conn)) return OrvCtlSession::EXIT_UNREACHABLE;
     std::string error;
     if (!conn.send(orv::frame(orv::CONFIGURATION_UPDATE, path), error)) {
         fprintf(stderr, "orvctl: %s\n", error.c_str());
-        return OrvCtlApp::EXIT_UNREACHABLE;
+        return OrvCtlSession::EXIT_UNREACHABLE;
     }
     switch (awaitOutcome(path, logStart)) {
         case 1:
             printf("accepted: version %s is ready for the next application switch\n",
                    candidate.getDBVersionString().c_str());
-            return OrvCtlApp::EXIT_OK;
+            return OrvCtlSession::EXIT_OK;
         case 0:
             fprintf(stderr, "orvctl: update: orvd refused %s (see its log)\n", path.c_str());
-            return OrvCtlApp::EXIT_REFUSED;
+            return OrvCtlSession::EXIT_REFUSED;
         default:
             fprintf(stderr, "orvctl: update: orvd did not confirm %s within %d ms (see its log)\n",
-                    path.c_str(), mApp.timeoutMs());
-            return OrvCtlApp::EXIT_NO_REPLY;
+                    path.c_str(), mSession.timeoutMs());
+            return OrvCtlSession::EXIT_NO_REPLY;
     }
 }
 
 int OrvCtlUpdate::awaitOutcome(const std::string& path, size_t start) {
     const std::string accepted = "new DB " + path + " is prepared to update)";
     const std::string refused = "load new DB " + path + " failed)";
-    const std::string& log = mApp.logPath();
-    const long long deadline = nowMs() + mApp.timeoutMs();
+    const std::string& log = mSession.logPath();
+    const long long deadline = OrvCtlClock::nowMs() + mSession.timeoutMs();
     bool logged = false;
     for (;;) {
         if (!log.empty() && !logged) {
@@ -134,7 +128,7 @@ int OrvCtlUpdate::awaitOutcome(const std::string& path, size_t start) {
         // The move follows the acceptance; done once the file is at its new place.
         struct stat st;
         if (stat(path.c_str(), &st) != 0 && errno == ENOENT) return 1;
-        if (nowMs() >= deadline) return logged ? 1 : log.empty() ? 0 : -1;
+        if (OrvCtlClock::nowMs() >= deadline) return logged ? 1 : log.empty() ? 0 : -1;
         usleep(10000);
     }
 }

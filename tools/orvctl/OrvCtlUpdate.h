@@ -5,11 +5,11 @@
 #include <string>
 #include <vector>
 
-class OrvCtlApp;
+class OrvCtlSession;
 
 class OrvCtlUpdate {
   public:
-    explicit OrvCtlUpdate(OrvCtlApp& app) : mApp(app) {}
+    explicit OrvCtlUpdate(OrvCtlSession& session) : mSession(session) {}
     int run(const std::vector<std::string>& args);
 
     // The policy version orvd runs, from its dump ("   PolicyDB version: v2.3"); empty when
@@ -22,5 +22,5 @@ class OrvCtlUpdate {
     // file was sent. 1 accepted, 0 refused, -1 unknown.
     int awaitOutcome(const std::string& path, size_t start);
 
-    OrvCtlApp& mApp;
+    OrvCtlSession& mSession;
 };

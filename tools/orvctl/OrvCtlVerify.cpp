@@ -8,7 +8,7 @@
 
 #include "core/OrvDevicePath.h"
 #include "scenario/OrvState.h"
-#include "tools/orvctl/OrvCtlApp.h"
+#include "tools/orvctl/OrvCtlSession.h"
 #include "tools/sim/OrvSimulator.h"
 
 // "   Name      : value" of the dump's context section.
@@ -98,12 +98,12 @@ bool OrvCtlVerify::reach(OrvSimulator& sim, const std::string& policy, const std
 int OrvCtlVerify::run(const std::vector<std::string>& args) {
     if (args.size() > 1) {
         fprintf(stderr, "orvctl: usage: verify [POLICY]\n");
-        return OrvCtlApp::EXIT_USAGE;
+        return OrvCtlSession::EXIT_USAGE;
     }
     const std::string policy = args.empty() ? policyInForce() : args[0];
     std::string dump;
-    int status = mApp.query(orv::DUMP_STATE, "", dump);
-    if (status != OrvCtlApp::EXIT_OK) return status;
+    int status = mSession.query(orv::DUMP_STATE, "", dump);
+    if (status != OrvCtlSession::EXIT_OK) return status;
     const std::string app = dumpField(dump, "App"), state = dumpField(dump, "State");
 
     // Nodes this device lacks fail in the simulation as they did in orvd: not compared.
@@ -112,7 +112,7 @@ int OrvCtlVerify::run(const std::vector<std::string>& args) {
     std::string error;
     if (!reach(sim, policy, dump, steps, error)) {
         fprintf(stderr, "orvctl: verify: %s: %s\n", policy.c_str(), error.c_str());
-        return OrvCtlApp::EXIT_REFUSED;
+        return OrvCtlSession::EXIT_REFUSED;
     }
     const std::string where = app.empty() ? orv::state::kReset : app + " in " + state;
     if (sim.context().mAppName != app || state != sim.context().mState->getStateNameStr())
@@ -136,7 +136,7 @@ int OrvCtlVerify::run(const std::vector<std::string>& args) {
     compare(sim.device().properties(), true);
     if (differ == 0) {
         printf("%d values as the policy wants them for %s\n", compared, where.c_str());
-        return OrvCtlApp::EXIT_OK;
+        return OrvCtlSession::EXIT_OK;
     }
     printf("%d of %d values differ from the policy for %s\n", differ, compared, where.c_str());
     return 1;

@@ -6,11 +6,11 @@
 
 #include "tools/sim/OrvSimulator.h"
 
-class OrvCtlApp;
+class OrvCtlSession;
 
 class OrvCtlVerify {
   public:
-    explicit OrvCtlVerify(OrvCtlApp& app) : mApp(app) {}
+    explicit OrvCtlVerify(OrvCtlSession& session) : mSession(session) {}
     // 0 everything as the policy wants, 1 differences, else orvctl's failure codes.
     int run(const std::vector<std::string>& args);
 
@@ -31,5 +31,5 @@ class OrvCtlVerify {
                       std::vector<OrvSimulator::Step>& steps, std::string& error);
 
   private:
-    OrvCtlApp& mApp;
+    OrvCtlSession& mSession;
 };

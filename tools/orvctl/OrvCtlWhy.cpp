@@ -6,7 +6,7 @@
 #include "protocol/include/orv/protocol.h"
 #include "scenario/OrvState.h"
 #include "tools/codec/OrvPolicyDocument.h"
-#include "tools/orvctl/OrvCtlApp.h"
+#include "tools/orvctl/OrvCtlSession.h"
 #include "tools/orvctl/OrvCtlVerify.h"
 #include "tools/orvpolicy/OrvPolicyKeyScan.h"
 #include "tools/orvpolicy/OrvPolicyReport.h"
@@ -122,7 +122,7 @@ int OrvCtlWhy::run(const std::vector<std::string>& args) {
     }
     if (rest.empty() || rest.size() > 2) {
         fprintf(stderr, "orvctl: usage: why [--json] NODE_PATH|PROPERTY [POLICY]\n");
-        return OrvCtlApp::EXIT_USAGE;
+        return OrvCtlSession::EXIT_USAGE;
     }
     mTarget = rest[0];
     mProperty = mTarget[0] != '/';
@@ -133,15 +133,15 @@ int OrvCtlWhy::run(const std::vector<std::string>& args) {
         mJson = doc.json();
     }
     std::string dump;
-    int status = mApp.query(orv::DUMP_STATE, "", dump);
-    if (status != OrvCtlApp::EXIT_OK) return status;
+    int status = mSession.query(orv::DUMP_STATE, "", dump);
+    if (status != OrvCtlSession::EXIT_OK) return status;
 
     OrvSimulator sim(true);
     std::vector<OrvSimulator::Step> steps;
     std::string error;
     if (!OrvCtlVerify::reach(sim, mPolicy, dump, steps, error)) {
         fprintf(stderr, "orvctl: why: %s: %s\n", mPolicy.c_str(), error.c_str());
-        return OrvCtlApp::EXIT_REFUSED;
+        return OrvCtlSession::EXIT_REFUSED;
     }
     const std::string app = OrvCtlVerify::dumpField(dump, "App");
     const std::string state = OrvCtlVerify::dumpField(dump, "State");
@@ -195,7 +195,7 @@ int OrvCtlWhy::run(const std::vector<std::string>& args) {
         Json::StreamWriterBuilder b;
         b["indentation"] = "  ";
         printf("%s\n", Json::writeString(b, out).c_str());
-        return OrvCtlApp::EXIT_OK;
+        return OrvCtlSession::EXIT_OK;
     }
     printf("%s = %s\n", mTarget.c_str(), quoted(live).c_str());
     printf("  orvd is in %s\n", app.empty() ? orv::state::kReset : (app + " " + state).c_str());
@@ -212,5 +212,5 @@ int OrvCtlWhy::run(const std::vector<std::string>& args) {
             printf("  next, on %s: left as it is\n", n.when.c_str());
     }
     for (const auto& note : notes) printf("  (%s)\n", note.c_str());
-    return OrvCtlApp::EXIT_OK;
+    return OrvCtlSession::EXIT_OK;
 }

@@ -9,11 +9,11 @@
 
 #include "tools/sim/OrvSimulator.h"
 
-class OrvCtlApp;
+class OrvCtlSession;
 
 class OrvCtlWhy {
   public:
-    explicit OrvCtlWhy(OrvCtlApp& app) : mApp(app) {}
+    explicit OrvCtlWhy(OrvCtlSession& session) : mSession(session) {}
     int run(const std::vector<std::string>& args);
 
     // Where in the document the method that the engine names `method` lies, as the document
@@ -44,7 +44,7 @@ class OrvCtlWhy {
     std::vector<std::pair<std::string, std::vector<std::vector<std::string>>>> endsOf(
         const std::string& dump) const;
 
-    OrvCtlApp& mApp;
+    OrvCtlSession& mSession;
     std::string mTarget;
     bool mProperty = false;
     std::string mPolicy;

@@ -11,6 +11,7 @@
 #include "policy/OrvGroupBounds.h"
 #include "protocol/include/orv/protocol.h"
 #include "tools/orvpolicy/OrvPolicyRestore.h"
+#include "tools/orvpolicy/OrvPolicyStates.h"
 
 namespace {
 
@@ -57,21 +58,12 @@ std::string fmt(float v) {
 
 }  // namespace
 
-bool OrvPolicyChecker::isEventEnded(const std::string& state) {
-    return state == "launch" || state == "start" || state == "scale" ||
-           state == "listview_scroll" || state == "listview_fling" || state == "rotate";
-}
-
-bool OrvPolicyChecker::isEndTimeout(const std::string& key) {
-    const size_t n = key.size();
-    return n > 8 && key.compare(n - 8, 8, "_timeout") == 0 && isEventEnded(key.substr(0, n - 8));
-}
-
 std::vector<std::string> OrvPolicyChecker::knownParams() {
     std::vector<std::string> names = {"event_mask", "thermal_mask", "large_heap",
                                       "heap_utilization", "hardware_acceleration"};
     for (const auto& state : kStateNames)
-        if (isGestureState(state) || isEventEnded(state)) names.push_back(state + "_timeout");
+        if (isGestureState(state) || OrvPolicyStates::isEventEnded(state))
+            names.push_back(state + "_timeout");
     return names;
 }
 
@@ -79,10 +71,6 @@ float OrvPolicyChecker::parseVersion(const std::string& text) {
     // The engine's own reading: one non-blank character, then a number (nan and hex included).
     float v = 0.0f;
     return sscanf(text.c_str(), " %*c%f", &v) == 1 ? v : 0.0f;
-}
-
-bool OrvPolicyChecker::isStateName(const std::string& name) {
-    return std::find(kStateNames.begin(), kStateNames.end(), name) != kStateNames.end();
 }
 
 std::string OrvPolicyChecker::suggest(const std::string& word,
@@ -230,7 +218,7 @@ void OrvPolicyChecker::checkApplication(const std::string& name, const Json::Val
             checkReference(name, "action", action[state]);
             continue;
         }
-        if (!isStateName(state)) {
+        if (!orv::state::isName(state)) {
             mReport.warning(stateLoc, "unknown state, never entered" + suggest(state, kStateNames));
             continue;
         }
@@ -294,7 +282,7 @@ void OrvPolicyChecker::checkParams(const std::string& name, const Json::Value& p
                                        (key == "event_mask" ? "0" : "7") + ") instead");
         } else if (key.size() > 8 && key.compare(key.size() - 8, 8, "_timeout") == 0 &&
                    isGestureState(key.substr(0, key.size() - 8)) &&
-                   isStateName(key.substr(0, key.size() - 8))) {
+                   orv::state::isName(key.substr(0, key.size() - 8))) {
             int ms = atoi(text.c_str());
             if (ms < 1)
                 mReport.warning(loc, quoted(text) + " reads as " + std::to_string(ms) +
@@ -303,7 +291,7 @@ void OrvPolicyChecker::checkParams(const std::string& name, const Json::Value& p
                 mReport.warning(loc, std::to_string(ms) +
                                          " ms is quite large; orvd warns "
                                          "each time the state is entered");
-        } else if (isEndTimeout(key)) {
+        } else if (OrvPolicyStates::isEndTimeout(key)) {
             int ms = atoi(text.c_str());
             if (ms < 1)
                 mReport.warning(loc, quoted(text) + " reads as " + std::to_string(ms) +

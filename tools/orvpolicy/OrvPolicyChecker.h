@@ -19,11 +19,6 @@ class OrvPolicyChecker {
 
     // The number the engine reads from a version text ("v1.5" gives 1.5, "1.5" gives 0.5).
     static float parseVersion(const std::string& text);
-    // The state names of the scenario machine, which are the keys under "action".
-    static bool isStateName(const std::string& name);
-    // States left on a framework event, which "<state>_timeout" may end by time instead.
-    static bool isEventEnded(const std::string& state);
-    static bool isEndTimeout(const std::string& key);
     // Every parameter orvd asks for.
     static std::vector<std::string> knownParams();
     // " (did you mean X?)" for the name among `names` that `word` is a likely typo of.

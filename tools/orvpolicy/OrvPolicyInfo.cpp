@@ -4,6 +4,7 @@
 
 #include "protocol/include/orv/protocol.h"
 #include "tools/orvpolicy/OrvPolicyChecker.h"
+#include "tools/orvpolicy/OrvPolicyStates.h"
 
 OrvPolicyInfo::OrvPolicyInfo(const Json::Value& root) : mRoot(root) {
     if (!root.isObject()) return;
@@ -58,7 +59,7 @@ std::string OrvPolicyInfo::formatBounds() const {
         const Json::Value& param = apps[name].isObject() ? apps[name]["param"] : Json::nullValue;
         if (!param.isObject()) continue;
         for (const auto& key : param.getMemberNames())
-            if (OrvPolicyChecker::isEndTimeout(key) && param[key].isString())
+            if (OrvPolicyStates::isEndTimeout(key) && param[key].isString())
                 timeouts += std::string(timeouts.empty() ? "" : ", ") + key + " " +
                             param[key].asString() + " (" + name + ")";
     }

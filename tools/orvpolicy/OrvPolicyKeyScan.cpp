@@ -1,5 +1,7 @@
 #include "tools/orvpolicy/OrvPolicyKeyScan.h"
 
+#include "tools/codec/OrvTextCursor.h"
+
 namespace {
 
 struct Frame {
@@ -20,34 +22,25 @@ std::string child(const Frame& f) {
 
 OrvPolicyKeyScan::OrvPolicyKeyScan(const std::string& text) {
     std::vector<Frame> stack;
-    int line = 1, column = 1;
-    size_t i = 0;
-    auto advance = [&](size_t to) {
-        for (; i < to && i < text.size(); ++i) {
-            if (text[i] == '\n') {
-                ++line;
-                column = 1;
-            } else {
-                ++column;
-            }
-        }
-    };
+    OrvTextCursor at(text);
     // A value starts here: note where, inside an array or after a member's colon.
     auto valueStarts = [&]() -> std::string {
         if (stack.empty()) return "";
         Frame& f = stack.back();
         std::string path = child(f);
         if (!f.object) {
-            mPositions.emplace(path, Position{line, column});
+            mPositions.emplace(path, Position{at.line(), at.column()});
             ++f.index;
         }
         return path;
     };
-    while (i < text.size()) {
+    while (at.offset() < text.size()) {
+        const size_t i = at.offset();
         const char c = text[i];
         if (c == '/' && i + 1 < text.size() && (text[i + 1] == '/' || text[i + 1] == '*')) {
             size_t end = text[i + 1] == '/' ? text.find('\n', i) : text.find("*/", i + 2);
-            advance(end == std::string::npos ? text.size() : end + (text[i + 1] == '*' ? 2 : 0));
+            at.advanceTo(end == std::string::npos ? text.size()
+                                                  : end + (text[i + 1] == '*' ? 2 : 0));
         } else if (c == '"') {
             size_t end = i + 1;
             std::string s;
@@ -57,7 +50,7 @@ OrvPolicyKeyScan::OrvPolicyKeyScan(const std::string& text) {
             }
             if (!stack.empty() && stack.back().object && stack.back().expectKey) {
                 Frame& f = stack.back();
-                Position here{line, column};
+                Position here{at.line(), at.column()};
                 auto seen = f.keys.find(s);
                 f.key = s;
                 if (seen != f.keys.end())
@@ -69,26 +62,26 @@ OrvPolicyKeyScan::OrvPolicyKeyScan(const std::string& text) {
             } else {
                 valueStarts();
             }
-            advance(end + 1);
+            at.advanceTo(end + 1);
         } else if (c == '{' || c == '[') {
             std::string path = valueStarts();
             Frame f;
             f.object = c == '{';
             f.path = path;
             stack.push_back(f);
-            advance(i + 1);
+            at.advanceTo(i + 1);
         } else if (c == '}' || c == ']') {
             if (!stack.empty()) stack.pop_back();
-            advance(i + 1);
+            at.advanceTo(i + 1);
         } else if (c == ',') {
             if (!stack.empty()) stack.back().expectKey = true;
-            advance(i + 1);
+            at.advanceTo(i + 1);
         } else if (c == ':' || c == ' ' || c == '\t' || c == '\r' || c == '\n') {
-            advance(i + 1);
+            at.advanceTo(i + 1);
         } else {
             valueStarts();
             size_t end = text.find_first_of(",]} \t\r\n/", i);
-            advance(end == std::string::npos ? text.size() : end);
+            at.advanceTo(end == std::string::npos ? text.size() : end);
         }
     }
 }

@@ -2,7 +2,8 @@
 
 #include <stdlib.h>
 
-#include "tools/orvpolicy/OrvPolicyChecker.h"
+#include "protocol/include/orv/protocol.h"
+#include "tools/orvpolicy/OrvPolicyStates.h"
 
 namespace {
 
@@ -104,8 +105,7 @@ void OrvPolicyRestore::run() {
         if (!action.isObject()) continue;
         // Only the application's own states: one that borrows them is judged at the lender.
         for (const auto& state : action.getMemberNames()) {
-            if (!OrvPolicyChecker::isStateName(state) || state == "reset" ||
-                !action[state].isObject())
+            if (!orv::state::isName(state) || state == "reset" || !action[state].isObject())
                 continue;
             // Leaving run means leaving the application; every other state returns to run.
             std::set<std::string> restoring = targets(resolve(app, state, "on_exit"));
@@ -124,7 +124,7 @@ void OrvPolicyRestore::run() {
                     // An end that restores nothing is still an end; without one, the boost
                     // lasts until the application changes.
                     const std::string untimed =
-                        OrvPolicyChecker::isEventEnded(state) && !hasTimeout(app, state)
+                        OrvPolicyStates::isEventEnded(state) && !hasTimeout(app, state)
                             ? ", and no " + state + "_timeout ends the state"
                             : "";
                     mReport.warning(app + ".action." + state + "." + key,

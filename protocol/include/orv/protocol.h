@@ -173,6 +173,12 @@ constexpr const char* kAll[] = {kReset,        kLaunch,          kStart,        
                                 kScale,        kListViewScroll,  kListViewFling, kRotate,
                                 kGestureDown,  kGesturePress,    kGestureTap,    kGestureScroll,
                                 kGestureFling, kGestureLongPress};
+// Whether `name` is one of them.
+constexpr bool isName(std::string_view name) {
+    for (const char* s : kAll)
+        if (name == s) return true;
+    return false;
+}
 }  // namespace state
 
 inline void appendNumber(std::string& out, long long value) {
