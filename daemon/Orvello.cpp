@@ -74,6 +74,9 @@ bool Orvello::init() {
     daemon.mContext.mActionManager = &daemon.mActionManager;
     daemon.mMsgHandler.setContext(&daemon.mContext);
     daemon.mMsgHandler.setActionManager(&daemon.mActionManager);
+    daemon.mMsgHandler.setStateDumper(
+        [](void* owner, std::string& out) { static_cast<Orvello*>(owner)->dumpState(out); },
+        &daemon);
     daemon.mListener.setMsgHandler(&daemon.mMsgHandler);
 
     timer.setTimeoutWork(&daemon.mTimeoutWork);
