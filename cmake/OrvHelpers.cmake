@@ -1,7 +1,21 @@
-# orv_library(NAME GLOBS <patterns...> [EXCLUDE <regex...>] [DEPS <targets...>])
+# orv_stage_include(DIR <folder>): an include directory in the build tree that holds nothing but a
+# link to <folder> of the source tree, so "<folder>/X.h" is found through it and nothing else is.
+# Sets ORV_STAGED to the directory.
+function(orv_stage_include dir folder)
+    set(stage ${CMAKE_BINARY_DIR}/layers/${dir})
+    get_filename_component(parent ${stage}/${folder} DIRECTORY)
+    file(MAKE_DIRECTORY ${parent})
+    file(REMOVE ${stage}/${folder})
+    file(CREATE_LINK ${CMAKE_SOURCE_DIR}/${folder} ${stage}/${folder} SYMBOLIC)
+    set(ORV_STAGED ${stage} PARENT_SCOPE)
+endfunction()
+
+# orv_library(NAME GLOBS <patterns...> [LAYER <folder>] [EXCLUDE <regex...>] [DEPS <targets...>])
 # A static library made of whatever sources match; a library with no sources yet is skipped.
+# A LAYER library sees only its own folder and what its DEPS export, so an include of a layer
+# above it (one it does not link) fails to compile; any other library sees the whole tree.
 function(orv_library name)
-    cmake_parse_arguments(A "" "" "GLOBS;EXCLUDE;DEPS" ${ARGN})
+    cmake_parse_arguments(A "" "LAYER" "GLOBS;EXCLUDE;DEPS" ${ARGN})
     file(GLOB srcs CONFIGURE_DEPENDS ${A_GLOBS})
     foreach(rx IN LISTS A_EXCLUDE)
         list(FILTER srcs EXCLUDE REGEX "${rx}")
@@ -11,7 +25,12 @@ function(orv_library name)
         return()
     endif()
     add_library(${name} STATIC ${srcs})
-    target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR})
+    if(A_LAYER)
+        orv_stage_include(${A_LAYER} ${A_LAYER})
+        target_include_directories(${name} PUBLIC ${ORV_STAGED})
+    else()
+        target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR})
+    endif()
     target_link_libraries(${name} PUBLIC ${A_DEPS})
 endfunction()
 

@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <time.h>
 
+#include "core/OrvLockGuard.h"
 #include "core/OrvLog.h"
 
 // Never destroyed: its thread is never joined and would run on in a dead object after exit().
@@ -26,40 +27,37 @@ OrvTimer::OrvTimer() : mPeriod(0), mWork(nullptr) {
 OrvTimer::~OrvTimer() {}
 
 void OrvTimer::set(int ms) {
-    pthread_mutex_lock(&mLock);
+    OrvLockGuard guard(mLock);
     ORV_LOGD("set timer(%d ms)", ms);
     mPeriod = ms < 0 ? 0 : ms;
     if (mPeriod > 0) ++mArms;
     pthread_cond_signal(&mCond);
-    pthread_mutex_unlock(&mLock);
 }
 
 void OrvTimer::reset() {
-    pthread_mutex_lock(&mLock);
+    OrvLockGuard guard(mLock);
     ORV_LOGD("reset timer");
     if (mPeriod > 0) {
         mPeriod = 0;
         pthread_cond_signal(&mCond);
     }
-    pthread_mutex_unlock(&mLock);
 }
 
 void OrvTimer::setTimeoutWork(OrvWork* work) {
-    pthread_mutex_lock(&mLock);
+    OrvLockGuard guard(mLock);
     mWork = work;
-    pthread_mutex_unlock(&mLock);
 }
 
 void OrvTimer::peek(int& periodMs, unsigned& arms) {
-    pthread_mutex_lock(&mLock);
+    OrvLockGuard guard(mLock);
     periodMs = mPeriod;
     arms = mArms;
-    pthread_mutex_unlock(&mLock);
 }
 
 void* OrvTimer::run() {
     for (;;) {
-        pthread_mutex_lock(&mLock);
+        // Held across the wait and the expired work: a set() racing the time-out waits for it.
+        OrvLockGuard guard(mLock);
         if (mPeriod <= 0) {
             ORV_LOGD("timer reset done");
             pthread_cond_wait(&mCond, &mLock);
@@ -82,7 +80,6 @@ void* OrvTimer::run() {
                 }
             }
         }
-        pthread_mutex_unlock(&mLock);
     }
     return nullptr;
 }

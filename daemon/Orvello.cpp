@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "core/OrvLockGuard.h"
 #include "core/OrvLog.h"
 #include "core/OrvTimer.h"
 #include "policy/OrvStopAction.h"
@@ -34,11 +35,12 @@ Orvello::~Orvello() {
 }
 
 void Orvello::detachEvents() {
-    pthread_mutex_lock(&sListenerLock);
-    // The platform's stop is not idempotent and must not run without a start.
-    if (mListening) mListener.stopListener();
-    mListening = false;
-    pthread_mutex_unlock(&sListenerLock);
+    {
+        OrvLockGuard guard(sListenerLock);
+        // The platform's stop is not idempotent and must not run without a start.
+        if (mListening) mListener.stopListener();
+        mListening = false;
+    }
     OrvTimer::getInstance().setTimeoutWork(nullptr);
 }
 
@@ -74,6 +76,9 @@ bool Orvello::init() {
     daemon.mContext.mActionManager = &daemon.mActionManager;
     daemon.mMsgHandler.setContext(&daemon.mContext);
     daemon.mMsgHandler.setActionManager(&daemon.mActionManager);
+    daemon.mMsgHandler.setStateDumper(
+        [](void* owner, std::string& out) { static_cast<Orvello*>(owner)->dumpState(out); },
+        &daemon);
     daemon.mListener.setMsgHandler(&daemon.mMsgHandler);
 
     timer.setTimeoutWork(&daemon.mTimeoutWork);
@@ -91,12 +96,15 @@ bool Orvello::run() {
         ALOGE("did not initiate");
         return true;
     }
-    pthread_mutex_lock(&sListenerLock);
-    errno = 0;
-    const bool started = mInstance->mListener.startListener() == 0;
-    const int err = errno;
-    mInstance->mListening = started;
-    pthread_mutex_unlock(&sListenerLock);
+    bool started;
+    int err;
+    {
+        OrvLockGuard guard(sListenerLock);
+        errno = 0;
+        started = mInstance->mListener.startListener() == 0;
+        err = errno;
+        mInstance->mListening = started;
+    }
     if (!started) {
         listenerFailed(err);
         return false;

@@ -1,8 +1,8 @@
 #pragma once
 #include <string>
 
-#include "daemon/OrvListener.h"
 #include "core/OrvTimeoutWork.h"
+#include "daemon/OrvListener.h"
 #include "policy/OrvActionManager.h"
 #include "protocol/OrvMsgHandler.h"
 #include "scenario/OrvContext.h"
@@ -26,9 +26,8 @@ class Orvello {
     static bool runStopActions(int timeoutMs);
     static bool hasStopActions();
 
-    static Orvello* mInstance;  // null until init() has succeeded
-
   private:
+    static Orvello* mInstance;  // null until init() has succeeded
     Orvello();
     ~Orvello();
     void detachEvents();

@@ -7,9 +7,10 @@
 #include <string.h>
 #include <sys/resource.h>
 
-#include "daemon/Orvello.h"
+#include "core/OrvLockGuard.h"
 #include "core/OrvLog.h"
 #include "core/OrvVersion.h"
+#include "daemon/Orvello.h"
 
 namespace {
 
@@ -115,7 +116,7 @@ void block_here() {
     pthread_cond_t cond;
     pthread_mutex_init(&lock, nullptr);
     pthread_cond_init(&cond, nullptr);
-    pthread_mutex_lock(&lock);
+    OrvLockGuard guard(lock);
     for (;;) {
         pthread_cond_wait(&cond, &lock);
     }

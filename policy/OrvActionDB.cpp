@@ -3,6 +3,7 @@
 
 #include <string.h>
 
+#include "core/OrvLockGuard.h"
 #include "core/OrvLog.h"
 #include "policy/OrvOrEmpty.h"
 #include "protocol/include/orv/protocol.h"
@@ -22,65 +23,56 @@ OrvActionDB::~OrvActionDB() {
 void OrvActionDB::dumpState(std::string& /*out*/) {}
 
 void OrvActionDB::pushActionInfo(OrvActionInfo* info) {
-    pthread_mutex_lock(&mInfoLock);
+    OrvLockGuard guard(mInfoLock);
     mActionInfoStack.push_back(info);
-    pthread_mutex_unlock(&mInfoLock);
 }
 
 void OrvActionDB::popActionInfo() {
-    pthread_mutex_lock(&mInfoLock);
+    OrvLockGuard guard(mInfoLock);
     if (!mActionInfoStack.empty()) mActionInfoStack.pop_back();
-    pthread_mutex_unlock(&mInfoLock);
 }
 
 void OrvActionDB::setCurActionInfo(const char* name) {
-    pthread_mutex_lock(&mInfoLock);
+    OrvLockGuard guard(mInfoLock);
     if (!mActionInfoStack.empty()) mActionInfoStack.back()->setName(name);
-    pthread_mutex_unlock(&mInfoLock);
 }
 
 void OrvActionDB::setCurActionIndex(int index, bool clearName) {
-    pthread_mutex_lock(&mInfoLock);
+    OrvLockGuard guard(mInfoLock);
     if (!mActionInfoStack.empty()) {
         mActionInfoStack.back()->mIndex = index;
         if (clearName) mActionInfoStack.back()->setName(nullptr);
     }
-    pthread_mutex_unlock(&mInfoLock);
 }
 
 void OrvActionDB::clearActionSetInfo() {
-    pthread_mutex_lock(&mInfoLock);
+    OrvLockGuard guard(mInfoLock);
     mCurAction = nullptr;
     mCurActionSetKey = "";
     mCurReference.clear();
-    pthread_mutex_unlock(&mInfoLock);
 }
 
 void OrvActionDB::setCurActionSet(OrvAction* action, const char* key, const std::string& reference) {
-    pthread_mutex_lock(&mInfoLock);
+    OrvLockGuard guard(mInfoLock);
     mCurAction = action;
     mCurActionSetKey = key ? key : "";
     mCurReference = reference;
-    pthread_mutex_unlock(&mInfoLock);
 }
 
 void OrvActionDB::setLastActionSet(const std::string& text) {
-    pthread_mutex_lock(&mInfoLock);
+    OrvLockGuard guard(mInfoLock);
     mLastActionSet.str("");
     mLastActionSet << text;
-    pthread_mutex_unlock(&mInfoLock);
 }
 
 std::string OrvActionDB::getLastActionSet() {
-    pthread_mutex_lock(&mInfoLock);
-    std::string text = mLastActionSet.str();
-    pthread_mutex_unlock(&mInfoLock);
-    return text;
+    OrvLockGuard guard(mInfoLock);
+    return mLastActionSet.str();
 }
 
 std::string OrvActionDB::getCurActionInfoStr() {
     std::string out;
-    pthread_mutex_lock(&mInfoLock);
+    OrvLockGuard guard(mInfoLock);
     if (mCurAction != nullptr) {
         if (strcmp(mCurActionSetKey, orv::state::kReset) == 0) {
             out = "default.action.reset.policy";
@@ -101,6 +93,5 @@ std::string OrvActionDB::getCurActionInfoStr() {
     for (const OrvActionInfo* info : mActionInfoStack) {
         out += "[" + std::to_string(info->mIndex) + "]" + info->mName;
     }
-    pthread_mutex_unlock(&mInfoLock);
     return out;
 }

@@ -5,10 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "core/OrvDevicePath.h"
+#include "core/OrvLockGuard.h"
+#include "core/OrvLog.h"
 #include "crypto/OrvPolicyDecoder.h"
 #include "crypto/OrvPolicyFile.h"
-#include "core/OrvDevicePath.h"
-#include "core/OrvLog.h"
 #include "policy/OrvCycleCheck.h"
 #include "policy/OrvGroupBounds.h"
 #include "policy/OrvJsonParser.h"
@@ -159,9 +160,11 @@ Json::Value* OrvJsonActionDB::walk(std::initializer_list<const char*> keys, size
 Json::Value* OrvJsonActionDB::lookup(std::initializer_list<const char*> keys) {
     if (mRoot == nullptr) return nullptr;
     size_t depth = 0;
-    pthread_mutex_lock(&mDocLock);
-    Json::Value* cur = walk(keys, depth);
-    pthread_mutex_unlock(&mDocLock);
+    Json::Value* cur;
+    {
+        OrvLockGuard guard(mDocLock);
+        cur = walk(keys, depth);
+    }
     if (cur == nullptr) logNotObject(keys, depth);
     return cur;
 }
@@ -170,13 +173,15 @@ bool OrvJsonActionDB::lookupScalar(std::initializer_list<const char*> keys, Json
                                    std::string& text) {
     if (mRoot == nullptr) return false;
     size_t depth = 0;
-    pthread_mutex_lock(&mDocLock);
-    Json::Value* cur = walk(keys, depth);
-    if (cur != nullptr) {
-        type = cur->type();
-        if (!cur->isNull() && !cur->isArray() && !cur->isObject()) text = cur->asString();
+    Json::Value* cur;
+    {
+        OrvLockGuard guard(mDocLock);
+        cur = walk(keys, depth);
+        if (cur != nullptr) {
+            type = cur->type();
+            if (!cur->isNull() && !cur->isArray() && !cur->isObject()) text = cur->asString();
+        }
     }
-    pthread_mutex_unlock(&mDocLock);
     if (cur == nullptr) logNotObject(keys, depth);
     return cur != nullptr;
 }
@@ -198,7 +203,7 @@ void OrvJsonActionDB::logNotObject(std::initializer_list<const char*> keys, size
 bool OrvJsonActionDB::actionLink(const char* app, const char* state, const char* key,
                                  Json::Value** set, Json::Value** reference) {
     if (mRoot == nullptr) return false;
-    pthread_mutex_lock(&mDocLock);
+    OrvLockGuard guard(mDocLock);
     Json::Value* action = mRoot;
     bool ok = walkFrom(action, {"applications", app, "action"}) == 3;
     Json::Value* cur = action;
@@ -208,7 +213,6 @@ bool OrvJsonActionDB::actionLink(const char* app, const char* state, const char*
         *reference = action;
         if (cur->isNull()) walkFrom(*reference, {"reference"});
     }
-    pthread_mutex_unlock(&mDocLock);
     return ok;
 }
 
@@ -255,13 +259,12 @@ std::string OrvJsonActionDB::getDBMinSupportParserVersionString() {
 
 std::string OrvJsonActionDB::findCycle() {
     if (mRoot == nullptr) return std::string();
-    pthread_mutex_lock(&mDocLock);
+    OrvLockGuard guard(mDocLock);
     std::string cycle = OrvCycleCheck::find(*mRoot);
     if (cycle.empty()) {
         std::vector<OrvGroupBounds::Finding> over = OrvGroupBounds::check(*mRoot);
         if (!over.empty()) cycle = over.front().message;
     }
-    pthread_mutex_unlock(&mDocLock);
     return cycle;
 }
 

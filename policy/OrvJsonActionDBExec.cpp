@@ -3,6 +3,7 @@
 #include <cutils/trace.h>
 #include <string.h>
 
+#include "core/OrvLockGuard.h"
 #include "core/OrvLog.h"
 #include "policy/OrvJsonActionDB.h"
 #include "policy/OrvOrEmpty.h"
@@ -71,29 +72,30 @@ bool OrvJsonActionDB::isSettledSet(const char* app, const char* state, const cha
     const Json::Value* followed = nullptr;
     bool settled = false;
     std::string name = app;
-    pthread_mutex_lock(&mDocLock);
-    for (int link = 0; link < kMaxSettledLinks; ++link) {
-        const Json::Value* apps = child(mRoot, "applications");
-        const Json::Value* actions = child(child(apps, name.c_str()), "action");
-        const Json::Value* stateNode = child(actions, state);
-        const Json::Value* candidate = child(stateNode, key);
-        if (candidate == nullptr) break;
-        if (!candidate->isNull()) {
-            found = candidate;
-            settled = true;
-            break;
+    {
+        OrvLockGuard guard(mDocLock);
+        for (int link = 0; link < kMaxSettledLinks; ++link) {
+            const Json::Value* apps = child(mRoot, "applications");
+            const Json::Value* actions = child(child(apps, name.c_str()), "action");
+            const Json::Value* stateNode = child(actions, state);
+            const Json::Value* candidate = child(stateNode, key);
+            if (candidate == nullptr) break;
+            if (!candidate->isNull()) {
+                found = candidate;
+                settled = true;
+                break;
+            }
+            const Json::Value* next = child(actions, "reference");
+            if (next == nullptr || next->isNull()) {
+                followed = nullptr;
+                settled = true;
+                break;
+            }
+            if (!next->isString()) break;
+            followed = next;
+            name = next->asString();
         }
-        const Json::Value* next = child(actions, "reference");
-        if (next == nullptr || next->isNull()) {
-            followed = nullptr;
-            settled = true;
-            break;
-        }
-        if (!next->isString()) break;
-        followed = next;
-        name = next->asString();
     }
-    pthread_mutex_unlock(&mDocLock);
     return settled && found == set && followed == reference;
 }
 
@@ -149,15 +151,12 @@ int OrvJsonActionDB::executeDefaultResetAction(OrvAction* action) {
 }
 
 bool OrvJsonActionDB::hasStopAction() {
-    Json::ValueType type = Json::nullValue;
-    pthread_mutex_lock(&mDocLock);
+    OrvLockGuard guard(mDocLock);
     static const char kKey[] = "on_stop";
     const Json::Value* set = mRoot != nullptr && mRoot->isObject()
                                  ? mRoot->find(kKey, kKey + sizeof(kKey) - 1)
                                  : nullptr;
-    if (set != nullptr) type = set->type();
-    pthread_mutex_unlock(&mDocLock);
-    return type != Json::nullValue;
+    return set != nullptr && set->type() != Json::nullValue;
 }
 
 int OrvJsonActionDB::executeStopAction(OrvAction* action) {

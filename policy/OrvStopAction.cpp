@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <time.h>
 
+#include "core/OrvLockGuard.h"
 #include "core/OrvLog.h"
 #include "protocol/include/orv/protocol.h"
 
@@ -25,9 +26,12 @@ struct OrvStopWait {
         pthread_condattr_destroy(&attr);
     }
     void release() {
-        pthread_mutex_lock(&lock);
-        bool last = --users == 0;
-        pthread_mutex_unlock(&lock);
+        bool last;
+        {
+            OrvLockGuard guard(lock);
+            last = --users == 0;
+        }
+        // The guard is gone before the lock it holds is freed.
         if (last) {
             pthread_cond_destroy(&cond);
             delete this;
@@ -44,10 +48,9 @@ OrvStopAction::~OrvStopAction() {
 
 void OrvStopAction::execute() {
     mActionManager->executeStopAction(this);
-    pthread_mutex_lock(&mWait->lock);
+    OrvLockGuard guard(mWait->lock);
     mWait->done = true;
     pthread_cond_broadcast(&mWait->cond);
-    pthread_mutex_unlock(&mWait->lock);
 }
 
 // Queuing waits while an action runs (the queue runs works under its lock); a thread of its own
@@ -77,11 +80,15 @@ bool OrvStopAction::run(OrvActionManager* manager, int timeoutMs) {
         deadline.tv_sec += 1;
         deadline.tv_nsec -= 1000000000L;
     }
-    pthread_mutex_lock(&wait->lock);
-    int rc = 0;
-    while (!wait->done && rc == 0) rc = pthread_cond_timedwait(&wait->cond, &wait->lock, &deadline);
-    bool done = wait->done;
-    pthread_mutex_unlock(&wait->lock);
+    bool done;
+    {
+        OrvLockGuard guard(wait->lock);
+        int rc = 0;
+        while (!wait->done && rc == 0) {
+            rc = pthread_cond_timedwait(&wait->cond, &wait->lock, &deadline);
+        }
+        done = wait->done;
+    }
     if (!done) ALOGW("on_stop did not end within %d ms", timeoutMs);
     wait->release();
     return done;

@@ -10,7 +10,12 @@
 #include "core/OrvLog.h"
 #include "protocol/OrvAtoi.h"
 
-OrvMsgHandler::OrvMsgHandler() : mContext(nullptr), mActionManager(nullptr), mReplyFailed(false) {
+OrvMsgHandler::OrvMsgHandler()
+    : mContext(nullptr),
+      mActionManager(nullptr),
+      mDumper(nullptr),
+      mDumperOwner(nullptr),
+      mReplyFailed(false) {
     ORV_LOGD("constructor called");
 }
 

@@ -33,6 +33,13 @@ class OrvMsgHandler {
 
     void setContext(OrvContext* context) { mContext = context; }
     void setActionManager(OrvActionManager* manager) { mActionManager = manager; }
+    // Writes the answer to DUMP_STATE. The daemon above installs it when it wires the handler,
+    // so this layer never names the daemon; without one the answer is empty.
+    using StateDumper = void (*)(void* owner, std::string& out);
+    void setStateDumper(StateDumper dumper, void* owner) {
+        mDumper = dumper;
+        mDumperOwner = owner;
+    }
 
   private:
     size_t cutFrames(std::string& buf, SocketClient* client);
@@ -48,6 +55,8 @@ class OrvMsgHandler {
 
     OrvContext* mContext;
     OrvActionManager* mActionManager;
+    StateDumper mDumper;
+    void* mDumperOwner;
     std::unordered_map<int, std::string> mPidNameMap;
     std::unordered_map<int, int> mGLTidMap;
     // Each connection's partial frame, from its first arrival until it closes.

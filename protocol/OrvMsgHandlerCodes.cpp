@@ -7,7 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "daemon/Orvello.h"
 #include "core/OrvLog.h"
 #include "policy/OrvActionManager.h"
 #include "protocol/OrvAtoi.h"
@@ -237,8 +236,8 @@ void OrvMsgHandler::consumeMsg(int code, const char* payload, SocketClient* clie
             break;
         case DUMP_STATE: {
             std::string dump;
-            // Only reachable before start-up in tools that drive the handler on its own.
-            if (Orvello::mInstance) Orvello::mInstance->dumpState(dump);
+            // Unset only in tools that drive the handler on their own.
+            if (mDumper) mDumper(mDumperOwner, dump);
             reply(client, code, dump.c_str());
             break;
         }
