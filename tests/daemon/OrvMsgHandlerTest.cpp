@@ -100,15 +100,6 @@ TEST_P(FramingTest, ArrivalsGiveTheseDispatchesAndLines) {
 INSTANTIATE_TEST_SUITE_P(Rows, FramingTest, ::testing::ValuesIn(kFraming),
                          [](const testing::TestParamInfo<FramingRow>& i) { return i.param.name; });
 
-TEST_F(Trace, DebugLinesOfOnePass) {
-    w.feed("[7,1]ab");
-    Lines texts = log.texts("OrvMsgHandler");
-    texts.resize(3);
-    EXPECT_EQ((Lines{"consume(msg=[7,1]ab), msgBuf=[7,1]ab", "msgBuf=[7,1]ab",
-                     "matchCnt=3, code=7, payload_len=1, remainStr=ab"}),
-              texts);
-}
-
 TEST(BinStr2UIntStr, ConvertsBitStringsModulo32) {
     const std::string n = "unchanged", ones(32, '1'), top = "1" + std::string(31, '0');
     // Bit 32 wraps to bit 0.
