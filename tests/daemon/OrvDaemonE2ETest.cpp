@@ -428,7 +428,7 @@ TEST_F(DaemonTest, TwoClientsBurstsSplitAcrossReadsAreAllAnswered) {
             for (int b = 0; b < kBursts && c.send(burst); ++b) {
                 std::string reply;
                 pollfd p{c.fd, POLLIN, 0};
-                for (int got = 0; got < kFrames && poll(&p, 1, 5000) > 0;) {
+                for (int got = 0; got < kFrames && poll(&p, 1, orvtest::kWaitMs) > 0;) {
                     char buf[512];
                     ssize_t n = read(c.fd, buf, sizeof(buf));
                     if (n <= 0) return;
