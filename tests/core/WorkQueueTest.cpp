@@ -131,7 +131,7 @@ TEST(WorkQueueTest, ManyProducersLoseNothing) {
         });
     }
     for (auto& p : producers) p.join();
-    ASSERT_TRUE(log.waitUntil(
+    ASSERT_TRUE(orvtest::eventually(
         [&] { return log.countContaining("destroyed t") == kThreads * kEach; }, 20000));
     EXPECT_EQ(kThreads * kEach, log.countContaining("execute t"));
 }

@@ -65,7 +65,7 @@ class DaemonTest : public ::testing::Test {
     bool start(bool debug = false, bool wait = true) {
         // As init does from orvd.rc's "socket" line, where the check of the real platform asks.
         const int handed = initSockets() && handOver && !getenv("ANDROID_SOCKET_orvd")
-                               ? initSocket(std::string(initSockets()) + "/orvd")
+                               ? bindSocket(std::string(initSockets()) + "/orvd", false)
                                : -1;
         orvd.start(debug, [&] {
             if (handed >= 0) setenv("ANDROID_SOCKET_orvd", std::to_string(handed).c_str(), 1);
@@ -79,16 +79,18 @@ class DaemonTest : public ::testing::Test {
     }
     // Where init would create sockets; null: the platform creates its own (host stand-in).
     static const char* initSockets() { return getenv("ORV_TEST_INIT_SOCKETS"); }
-    // Bound, mode 0660, not listening, inherited by the daemon: as init leaves it.
-    static int initSocket(const std::string& path) {
+    // A socket bound at `path`: listening, as another daemon would hold it, or not listening
+    // with mode 0660, as init leaves it for the daemon to inherit.
+    static int bindSocket(const std::string& path, bool listening) {
+        std::filesystem::create_directories(path.substr(0, path.rfind('/')));
         unlink(path.c_str());
         sockaddr_un addr = {};
         addr.sun_family = AF_UNIX;
         strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-        int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        int fd = socket(AF_UNIX, SOCK_STREAM | (listening ? SOCK_CLOEXEC : 0), 0);
         if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
-            chmod(path.c_str(), 0660) != 0)
-            ADD_FAILURE() << "cannot create " << path;
+            (listening ? listen(fd, 4) : chmod(path.c_str(), 0660)) != 0)
+            ADD_FAILURE() << "cannot bind " << path;
         return fd;
     }
     std::string log() const { return orvd.log(); }
@@ -112,18 +114,6 @@ class DaemonTest : public ::testing::Test {
         EXPECT_NE(std::string::npos, caught);
         EXPECT_EQ(std::string::npos, l.find(" E SocketListener", caught)) << l;
     }
-    // A listening socket at `path`, as another daemon would hold it.
-    static int takeSocket(const std::string& path) {
-        std::filesystem::create_directories(path.substr(0, path.rfind('/')));
-        sockaddr_un addr = {};
-        addr.sun_family = AF_UNIX;
-        strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || listen(fd, 4) != 0)
-            ADD_FAILURE() << "cannot hold " << path;
-        return fd;
-    }
-
     orvtest::TempRoot root;
     int taken = -1;
     rlim_t fdLimit = 0;    // soft and hard descriptor limit of the daemon; 0: as inherited
@@ -260,7 +250,7 @@ TEST_F(DaemonTest, ParksWithoutAPolicyOrASocket) {
     } rows[] = {
         {"no policy", [this] { unlink(db.c_str()); }, nullptr, false, false},
         // Another daemon already answers on the socket's name.
-        {"socket taken", [this] { taken = takeSocket(root / "dev/socket/orvd"); },
+        {"socket taken", [this] { taken = bindSocket(root / "dev/socket/orvd", true); },
          "E OrvOrvello: cannot listen on socket \"orvd\" (Address already in use)", true, false},
         // Handed over by the launcher, but not a socket: the daemon's standard error.
         {"not a socket", [] { setenv("ANDROID_SOCKET_orvd", "2", 1); },

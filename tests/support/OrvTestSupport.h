@@ -117,10 +117,7 @@ class LogCapture {
     }
     // Waits until at least `n` records have text `text`; false on time-out.
     bool waitFor(const std::string& text, int n = 1, int timeoutMs = kWaitMs) const {
-        return waitUntil([&] { return count(text) >= n; }, timeoutMs);
-    }
-    bool waitUntil(const std::function<bool()>& done, int timeoutMs = kWaitMs) const {
-        return eventually(done, timeoutMs);
+        return eventually([&] { return count(text) >= n; }, timeoutMs);
     }
 
   private:
