@@ -90,7 +90,8 @@ TEST_F(UpdateTest, PreparedDatabaseIsMovedSafelyAndTakesOverAtTheNextAppSwitch) 
 // database that the previous one left, swapping at most once between exit and entry, and the
 // last database prepared is the one in force at the end.
 TEST_F(UpdateTest, UpdatesRacingAppSwitchesHandOverWholeDatabases) {
-    // Debug lines would order the two threads through the log and hide the race from the tool.
+    // Debug lines pass the log capture's lock, which orders the threads for the tool and can
+    // hide the race.
     property_set("sys.orv.debug.daemon", "0");
     OrvLogUpdateToggle();
     const std::string fifo = makeFifo();
