@@ -99,7 +99,7 @@ TEST(OrvClientDaemon, ReconnectsAfterOrvdRestarts) {
 struct Scene {
     const TempRoot& root;
     std::unique_ptr<ExampleDaemon> orvd;
-    pid_t parked = -1;
+    std::unique_ptr<Orvd> parked;
 };
 
 // What makes orvd unable to take anything in, and how it is undone.
@@ -117,18 +117,13 @@ void restart(Scene& s) {
 void park(Scene& s) {
     s.orvd.reset();
     unlink((s.root / "data/orvpolicy").c_str());
-    s.parked = fork();
-    if (s.parked == 0) {
-        if (freopen((s.root / "parked.log").c_str(), "w", stderr) != nullptr)
-            execl(bin("orvd").c_str(), "orvd", static_cast<char*>(nullptr));
-        _exit(127);
-    }
+    s.parked = std::make_unique<Orvd>(s.root);
+    s.parked->start(false);
     eventually([&] { return readFile(s.root / "dev/__properties__/sys.orv.enable") == "false"; });
 }
 
 void unpark(Scene& s) {
-    kill(s.parked, SIGKILL);
-    waitpid(s.parked, nullptr, 0);
+    s.parked.reset();
     restart(s);
 }
 
@@ -150,7 +145,7 @@ class OrvClientOutage : public ::testing::TestWithParam<Outage> {};
 
 TEST_P(OrvClientOutage, CallerNeverWaitsAndCountsWhatItDropped) {
     TempRoot root;
-    Scene scene{root, std::make_unique<ExampleDaemon>(root, false)};
+    Scene scene{root, std::make_unique<ExampleDaemon>(root, false), nullptr};
     ASSERT_TRUE(scene.orvd->ready()) << scene.orvd->log();
     OrvClient::Options options = optionsFor(root);
     options.queryTimeoutMs = 200;

@@ -8,7 +8,7 @@
 #include <map>
 
 #include "client/WireRecorder.h"
-#include "tools/ToolRun.h"
+#include "support/ToolRun.h"
 
 namespace orvtest {
 namespace {

@@ -1,9 +1,12 @@
 // The work queue on its real thread: order, serialisation of producers, deletion after run.
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <thread>
 
@@ -42,6 +45,37 @@ class GatedWork : public OrvWork {
     bool mStarted = false;
 };
 
+// A call made on its own thread, which can be seen asleep inside it (as in a futex wait) or back.
+class Caller {
+  public:
+    explicit Caller(std::function<void()> call)
+        : mThread([this, call] {
+              mTid = static_cast<pid_t>(syscall(SYS_gettid));
+              call();
+              mReturned = true;
+          }) {}
+    ~Caller() { mThread.join(); }
+    bool returned() const { return mReturned; }
+    // Waits until the thread sleeps inside the call or the call has returned; true if it sleeps.
+    bool waitAsleepInside() const {
+        EXPECT_TRUE(orvtest::eventually([&] { return mReturned || state() == 'S'; }));
+        return !mReturned;
+    }
+
+  private:
+    // The state letter in /proc/self/task/<tid>/stat, after the parenthesised command name.
+    char state() const {
+        if (mTid == 0) return 0;
+        std::string stat = orvtest::readFile("/proc/self/task/" + std::to_string(mTid) + "/stat");
+        size_t at = stat.rfind(')');
+        return at == std::string::npos || at + 2 >= stat.size() ? 0 : stat[at + 2];
+    }
+
+    std::atomic<pid_t> mTid{0};
+    std::atomic<bool> mReturned{false};
+    std::thread mThread;
+};
+
 int firstFrom(const std::vector<std::string>& v, const std::string& part, int from = 0) {
     for (size_t i = from; i < v.size(); ++i)
         if (v[i].find(part) != std::string::npos) return static_cast<int>(i);
@@ -62,15 +96,13 @@ TEST(WorkQueueTest, SerialisesProducersAndDeletesOnlyFlaggedWorkAfterItsFinishLi
     auto* second = new GatedWork("second", true);
     queue.push_back(blocker);
     blocker->waitStarted();
-    std::atomic<bool> pushed{false};
-    std::thread producer([&] {
-        queue.push_back(second);
-        pushed = true;
-    });
-    // The producer cannot take the queue lock while "blocker" executes.
-    EXPECT_FALSE(pushed.load());
-    blocker->open();
-    producer.join();
+    {
+        // The producer waits for the queue lock while "blocker" executes: it is seen asleep in
+        // push_back, never back from it, until the work is let go.
+        Caller producer([&] { queue.push_back(second); });
+        EXPECT_TRUE(producer.waitAsleepInside()) << "push_back returned while a work executed";
+        blocker->open();
+    }
     ASSERT_TRUE(log.waitFor("destroyed second"));
 
     auto all = log.texts();
@@ -99,7 +131,7 @@ TEST(WorkQueueTest, ManyProducersLoseNothing) {
         });
     }
     for (auto& p : producers) p.join();
-    ASSERT_TRUE(log.waitUntil(
+    ASSERT_TRUE(orvtest::eventually(
         [&] { return log.countContaining("destroyed t") == kThreads * kEach; }, 20000));
     EXPECT_EQ(kThreads * kEach, log.countContaining("execute t"));
 }
@@ -120,14 +152,11 @@ TEST(WorkQueueTest, CloseWaitsForTheRunningWorkAndDropsTheRest) {
     auto* running = new GatedWork("running", true, false);
     queue.push_back(running);
     running->waitStarted();
-    std::atomic<bool> closed{false};
-    std::thread closer([&] {
-        queue.close();
-        closed = true;
-    });
-    EXPECT_FALSE(closed.load());
-    running->open();
-    closer.join();
+    {
+        Caller closer([&] { queue.close(); });
+        EXPECT_TRUE(closer.waitAsleepInside()) << "close returned while a work executed";
+        running->open();
+    }
     EXPECT_TRUE(log.has("destroyed running"));
     EXPECT_FALSE(log.has("execute queued"));
 }

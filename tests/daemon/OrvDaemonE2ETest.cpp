@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "OrvDaemonTestUtil.h"
+#include "support/Orvd.h"
 #include "tools/codec/OrvPolicyEncoder.h"
 
 namespace {
@@ -61,51 +62,41 @@ std::string policy(const std::string& node, const std::string& version) {
 
 class DaemonTest : public ::testing::Test {
   protected:
-    ~DaemonTest() override {
-        if (pid > 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
-    }
     bool start(bool debug = false, bool wait = true) {
-        if (debug) root.write("dev/__properties__/sys.orv.debug.daemon", "1");
-        std::string err = root / "orvd.err";
         // As init does from orvd.rc's "socket" line, where the check of the real platform asks.
         const int handed = initSockets() && handOver && !getenv("ANDROID_SOCKET_orvd")
-                               ? initSocket(std::string(initSockets()) + "/orvd")
+                               ? bindSocket(std::string(initSockets()) + "/orvd", false)
                                : -1;
-        if ((pid = fork()) == 0) {
+        orvd.start(debug, [&] {
             if (handed >= 0) setenv("ANDROID_SOCKET_orvd", std::to_string(handed).c_str(), 1);
-            dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
-            // Programs the policy starts may outlive the daemon: keep them off the test's pipe.
-            dup2(open("/dev/null", O_WRONLY), 1);
             if (fdLimit) {
                 rlimit rl = {fdLimit, fdLimit};
                 setrlimit(RLIMIT_NOFILE, &rl);
             }
-            execl(ORV_BIN_DIR "/orvd", "orvd", static_cast<char*>(nullptr));
-            _exit(127);
-        }
+        });
         if (handed >= 0) close(handed);
         return !wait || eventually([&] { return Client().ok(); });
     }
     // Where init would create sockets; null: the platform creates its own (host stand-in).
     static const char* initSockets() { return getenv("ORV_TEST_INIT_SOCKETS"); }
-    // Bound, mode 0660, not listening, inherited by the daemon: as init leaves it.
-    static int initSocket(const std::string& path) {
+    // A socket bound at `path`: listening, as another daemon would hold it, or not listening
+    // with mode 0660, as init leaves it for the daemon to inherit.
+    static int bindSocket(const std::string& path, bool listening) {
+        std::filesystem::create_directories(path.substr(0, path.rfind('/')));
         unlink(path.c_str());
         sockaddr_un addr = {};
         addr.sun_family = AF_UNIX;
         strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-        int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        int fd = socket(AF_UNIX, SOCK_STREAM | (listening ? SOCK_CLOEXEC : 0), 0);
         if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
-            chmod(path.c_str(), 0660) != 0)
-            ADD_FAILURE() << "cannot create " << path;
+            (listening ? listen(fd, 4) : chmod(path.c_str(), 0660)) != 0)
+            ADD_FAILURE() << "cannot bind " << path;
         return fd;
     }
-    std::string log() const { return readFile(root / "orvd.err"); }
-    bool logged(const std::string& part) const { return log().find(part) != std::string::npos; }
+    std::string log() const { return orvd.log(); }
     bool waitLog(const std::string& part) {
-        return eventually([&] { return logged(part); });
+        return eventually([&] { return orvd.logged(part); });
     }
-    bool alive() { return pid > 0 && waitpid(pid, nullptr, WNOHANG) == 0; }
     std::string property(const std::string& name) const {
         return readFile(root / ("dev/__properties__/" + name));
     }
@@ -114,44 +105,22 @@ class DaemonTest : public ::testing::Test {
     }
     // SIGINT must end the daemon promptly, with status 2 and without a platform error.
     void stopBySigint() {
-        int status = -1;
-        kill(pid, SIGINT);
-        const bool ended = eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; });
-        if (!ended) kill(pid, SIGKILL), waitpid(pid, &status, 0);
-        pid = -1;
-        EXPECT_TRUE(ended) << "SIGINT did not stop the daemon\n" << log();
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << status;
+        const int status = orvd.stop(SIGINT);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2)
+            << "SIGINT did not stop the daemon: " << status << "\n"
+            << log();
         const std::string l = log();
         const size_t caught = l.find("I OrvMain : caught signal 2");
         EXPECT_NE(std::string::npos, caught);
         EXPECT_EQ(std::string::npos, l.find(" E SocketListener", caught)) << l;
     }
-
-    int count(const std::string& part) const {
-        const std::string l = log();
-        int n = 0;
-        for (size_t at = 0; (at = l.find(part, at)) != std::string::npos; ++at) ++n;
-        return n;
-    }
-    // A listening socket at `path`, as another daemon would hold it.
-    static int takeSocket(const std::string& path) {
-        std::filesystem::create_directories(path.substr(0, path.rfind('/')));
-        sockaddr_un addr = {};
-        addr.sun_family = AF_UNIX;
-        strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || listen(fd, 4) != 0)
-            ADD_FAILURE() << "cannot hold " << path;
-        return fd;
-    }
-
     orvtest::TempRoot root;
     int taken = -1;
     rlim_t fdLimit = 0;    // soft and hard descriptor limit of the daemon; 0: as inherited
     bool handOver = true;  // where init makes sockets: whether it makes orvd's
     std::string node = root.write("sys/node", "---"),
                 db = root.write("data/orvpolicy", policy(node, "v1.0"));
-    pid_t pid = -1;
+    orvtest::Orvd orvd{root};
 };
 
 TEST_F(DaemonTest, PublishesEnableAnswersQueriesDumpAndLongMessagesThenStopsOnSigint) {
@@ -164,8 +133,9 @@ TEST_F(DaemonTest, PublishesEnableAnswersQueriesDumpAndLongMessagesThenStopsOnSi
 
     std::string payload(700, 'p');  // more than one read of the listener
     EXPECT_EQ("7 -1", c.ask(7, payload));
-    EXPECT_TRUE(logged("W OrvListener: buffer may be too small. message may be cut this time."));
-    EXPECT_TRUE(logged("undefined code(7)|" + payload));
+    EXPECT_TRUE(
+        orvd.logged("W OrvListener: buffer may be too small. message may be cut this time."));
+    EXPECT_TRUE(orvd.logged("undefined code(7)|" + payload));
     stopBySigint();
 }
 
@@ -203,15 +173,10 @@ TEST_F(DaemonTest, SigintUnderLoadWithUpdatesInFlight) {
             }
         });
         std::this_thread::sleep_for(std::chrono::milliseconds(20 + rng() % 80));
-        kill(pid, SIGINT);
-        int status = -1;
-        bool ended = eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; });
-        if (!ended) kill(pid, SIGKILL), waitpid(pid, &status, 0);
-        pid = -1;
+        const int status = orvd.stop(SIGINT);
         stop = true;
         for (auto& t : load) t.join();
         const std::string l = log();
-        ASSERT_TRUE(ended) << "round " << round << " hung:\n" << l;
         ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2)
             << "round " << round << " status " << status << ":\n"
             << l;
@@ -237,19 +202,16 @@ TEST_F(DaemonTest, SigintEndsTheDaemonWhileAProgramRuns) {
     ASSERT_TRUE(eventually([&] { return readFile(node) == "run"; })) << log();
     ASSERT_TRUE(waitLog("path:sleep value:20}")) << log();
     // The line comes before the spawn: wait for the shell to be one of orvd's children.
-    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    const std::string tasks = "/proc/" + std::to_string(orvd.pid()) + "/task";
     ASSERT_TRUE(eventually([&] {
         std::error_code ec;
         for (const auto& t : std::filesystem::directory_iterator(tasks, ec))
             if (!readFile(t.path().string() + "/children").empty()) return true;
         return false;
     })) << log();
-    kill(pid, SIGINT);
-    int status = -1;
     // The stop waits seconds at most for the running work, far less than the program's 20 s.
-    EXPECT_TRUE(eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 15000)) << log();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << status;
-    if (WIFEXITED(status)) pid = -1;
+    const int status = orvd.stop(SIGINT, 15000);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << status << "\n" << log();
 }
 
 TEST_F(DaemonTest, PolicyRunsAndGestureTimesOutBackToRun) {
@@ -288,7 +250,7 @@ TEST_F(DaemonTest, ParksWithoutAPolicyOrASocket) {
     } rows[] = {
         {"no policy", [this] { unlink(db.c_str()); }, nullptr, false, false},
         // Another daemon already answers on the socket's name.
-        {"socket taken", [this] { taken = takeSocket(root / "dev/socket/orvd"); },
+        {"socket taken", [this] { taken = bindSocket(root / "dev/socket/orvd", true); },
          "E OrvOrvello: cannot listen on socket \"orvd\" (Address already in use)", true, false},
         // Handed over by the launcher, but not a socket: the daemon's standard error.
         {"not a socket", [] { setenv("ANDROID_SOCKET_orvd", "2", 1); },
@@ -302,15 +264,15 @@ TEST_F(DaemonTest, ParksWithoutAPolicyOrASocket) {
         if ((r.hostOnly && initSockets()) || (r.initOnly && !initSockets())) continue;
         SCOPED_TRACE(r.name);
         r.prepare();
-        unlink((root / "orvd.err").c_str());  // the last row's log must not answer for this one
+        unlink((root / "orvd.log").c_str());  // the last row's log must not answer for this one
         start(false, false);
         unsetenv("ANDROID_SOCKET_orvd");
         handOver = true;
         ASSERT_TRUE(waitLog("I OrvMain : disabled")) << log();
         EXPECT_EQ("false", property("sys.orv.enable"));
-        EXPECT_TRUE(alive());
+        EXPECT_TRUE(orvd.alive());
         if (r.error) {
-            EXPECT_EQ(1, count(r.error)) << log();
+            EXPECT_EQ(1, orvd.count(r.error)) << log();
         } else {
             EXPECT_FALSE(Client().ok());
         }
@@ -366,7 +328,7 @@ TEST_F(DaemonTest, ManyClientsVanishingClientsAndRandomBytes) {
     };
     const int all = 1 + kClients + kVanish + 1 + kRandom;
     EXPECT_TRUE(eventually([&] { return closed() >= all; }, 30000)) << closed();
-    EXPECT_TRUE(alive());
+    EXPECT_TRUE(orvd.alive());
     EXPECT_TRUE(Client().ok());
 }
 
@@ -406,7 +368,7 @@ TEST_F(DaemonTest, KeptIoctlDescriptorsLeaveRoomForClients) {
         const bool started = start();
         setrlimit(RLIMIT_NOFILE, &old);
         ASSERT_TRUE(started) << log();
-        const std::string fdDir = "/proc/" + std::to_string(pid) + "/fd";
+        const std::string fdDir = "/proc/" + std::to_string(orvd.pid()) + "/fd";
         auto openFds = [&] {
             size_t n = 0;
             for ([[maybe_unused]] auto& e : std::filesystem::directory_iterator(fdDir)) ++n;
@@ -422,7 +384,7 @@ TEST_F(DaemonTest, KeptIoctlDescriptorsLeaveRoomForClients) {
         Client c;
         ASSERT_TRUE(c.send(switches));
         // The node is no driver: every execution logs its failed ioctl, once it has run.
-        EXPECT_TRUE(eventually([&] { return count("E OrvActionManager: orv_ioctl{") >= 300; }));
+        EXPECT_TRUE(eventually([&] { return orvd.count("E OrvActionManager: orv_ioctl{") >= 300; }));
         if (r.keepsAll) {
             EXPECT_GE(openFds(), before + 300);
         } else {
@@ -432,7 +394,7 @@ TEST_F(DaemonTest, KeptIoctlDescriptorsLeaveRoomForClients) {
         std::vector<std::unique_ptr<Client>> crowd;
         for (int i = 0; i < 40; ++i) crowd.push_back(std::make_unique<Client>());
         for (auto& k : crowd) EXPECT_NE("", k->ask(900, "")) << "unreachable";
-        EXPECT_EQ(r.keepsAll ? 0 : 1, count(warning)) << "said once";
+        EXPECT_EQ(r.keepsAll ? 0 : 1, orvd.count(warning)) << "said once";
         crowd.clear();
         stopBySigint();
     }
@@ -456,7 +418,7 @@ TEST_F(DaemonTest, TwoClientsBurstsSplitAcrossReadsAreAllAnswered) {
             for (int b = 0; b < kBursts && c.send(burst); ++b) {
                 std::string reply;
                 pollfd p{c.fd, POLLIN, 0};
-                for (int got = 0; got < kFrames && poll(&p, 1, 5000) > 0;) {
+                for (int got = 0; got < kFrames && poll(&p, 1, orvtest::kWaitMs) > 0;) {
                     char buf[512];
                     ssize_t n = read(c.fd, buf, sizeof(buf));
                     if (n <= 0) return;
@@ -475,7 +437,7 @@ TEST_F(DaemonTest, TwoClientsBurstsSplitAcrossReadsAreAllAnswered) {
     for (auto& t : clients) t.join();
     EXPECT_EQ(2 * kBursts * kFrames, good.load());
     // Split frames wait for their rest; nothing is ever thrown away.
-    EXPECT_FALSE(logged("clear msg") || logged("skip to first head")) << log();
+    EXPECT_FALSE(orvd.logged("clear msg") || orvd.logged("skip to first head")) << log();
 }
 
 // Clients that never read their replies, or read a byte a second, cost only themselves: each is
@@ -509,8 +471,8 @@ TEST_F(DaemonTest, ClientsThatDoNotReadCostOnlyThemselves) {
     EXPECT_TRUE(eventually([&] { return property("orv.test.tap") == "yes"; })) << log();
     EXPECT_TRUE(eventually([&] { return dumpHas(polite, "   State     : run\n"); })) << log();
     const std::string dropped = "W OrvMsgHandler: client(fd=";
-    EXPECT_TRUE(eventually([&] { return count(dropped) >= 6; })) << log();
-    EXPECT_EQ(6, count(dropped)) << "one line per client, not one per reply";
+    EXPECT_TRUE(eventually([&] { return orvd.count(dropped) >= 6; })) << log();
+    EXPECT_EQ(6, orvd.count(dropped)) << "one line per client, not one per reply";
     addSilent(3);  // stopped while they are being answered
     stopBySigint();
     stop = true;
@@ -543,8 +505,7 @@ TEST_F(DaemonTest, OnStopRestoresOnSigintAndSigterm) {
         Client c;
         ASSERT_TRUE(c.send(frame(3, "42;com.a") + frame(4, "42;com.a")));
         ASSERT_TRUE(eventually([&] { return readFile(node) == "run"; })) << log();
-        int status = -1;
-        kill(pid, r.sig), waitpid(pid, &status, 0), pid = -1;
+        const int status = orvd.stop(r.sig);
         const std::string what = std::string(strsignal(r.sig)) + (r.onStop ? " with" : " without");
         EXPECT_EQ(r.node, readFile(node)) << what;
         if (r.sig == SIGTERM && !r.onStop)

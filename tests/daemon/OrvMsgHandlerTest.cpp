@@ -100,15 +100,6 @@ TEST_P(FramingTest, ArrivalsGiveTheseDispatchesAndLines) {
 INSTANTIATE_TEST_SUITE_P(Rows, FramingTest, ::testing::ValuesIn(kFraming),
                          [](const testing::TestParamInfo<FramingRow>& i) { return i.param.name; });
 
-TEST_F(Trace, DebugLinesOfOnePass) {
-    w.feed("[7,1]ab");
-    Lines texts = log.texts("OrvMsgHandler");
-    texts.resize(3);
-    EXPECT_EQ((Lines{"consume(msg=[7,1]ab), msgBuf=[7,1]ab", "msgBuf=[7,1]ab",
-                     "matchCnt=3, code=7, payload_len=1, remainStr=ab"}),
-              texts);
-}
-
 TEST(BinStr2UIntStr, ConvertsBitStringsModulo32) {
     const std::string n = "unchanged", ones(32, '1'), top = "1" + std::string(31, '0');
     // Bit 32 wraps to bit 0.
@@ -124,7 +115,7 @@ TEST(BinStr2UIntStr, ConvertsBitStringsModulo32) {
 }
 
 // The whole code table against a real context and action manager, as one conversation; the
-// first PROCESS_START and GLTHREAD_ATTACH of a pid are the ones kept.
+// first PROCESS_START and GLTHREAD_ATTACH of a pid are the ones kept, until the process dies.
 TEST(CodeTable, ConversationWithContextAndPolicy) {
     orvtest::ScenarioEnv env;
     Wire w;
@@ -180,13 +171,17 @@ TEST(CodeTable, ConversationWithContextAndPolicy) {
         {23, "", 0, {"D ROTATE_ANIMATION_END(23)"}, "run"},
         {42, "100;7", 0, {"D GLTHREAD_DETTACH(42)|100;7"}, "run"},
         {3, "100;com.a;a;b", 0, {}, "run", -1},
+        {41, "100;9", 0, {}, "run"},  // attached again, and still attached when the process dies
         {5, "100;com.a;300;com.b", 0, {"D ACTIVITY_TRANSITION(5)|100;com.a;300;com.b"}, "run"},
         {2, "100;com.a", 0, {"D PROCESS_DIE(2)|100;com.a"}, 0},
         {101, "100", "101 false", {}, 0},
-        {41, "100;5", 0, {"E cannot map pid to pname, drop event GLTHREAD_ATTACH 100;5"}, 0},
+        {41, "200;5", 0, {"E cannot map pid to pname, drop event GLTHREAD_ATTACH 200;5"}, 0},
         {3, "-1;com.a;x;y", 0, {}, "launch"},
         {302, "", 0, {"D GOING_TO_SLEEP(302)"}, "reset"},
         {303, "", 0, {"D WAKING_UP(303)"}, "reset"},
+        // A new process given the dead one's pid starts with no GL thread of its own.
+        {1, "100;com.b", 0, {}, 0}, {3, "100;com.b;a;b", 0, {}, "start", -1},
+        {3, "200;com.a;a;b", 0, {}, "start", 5},  // the thread of a pid never announced is kept
     };
     // clang-format on
     for (const Step& s : steps) {

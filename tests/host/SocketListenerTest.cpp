@@ -48,8 +48,8 @@ struct EchoListener : SocketListener {
     // Data of each read in order, "" for end of stream.
     std::vector<std::string> waitEvents(size_t n) {
         std::unique_lock<std::mutex> lock(mLock);
-        EXPECT_TRUE(
-            mCond.wait_for(lock, std::chrono::seconds(5), [&] { return mEvents.size() >= n; }));
+        EXPECT_TRUE(mCond.wait_for(lock, std::chrono::milliseconds(orvtest::kWaitMs),
+                                   [&] { return mEvents.size() >= n; }));
         return mEvents;
     }
     bool onDataAvailable(SocketClient* c) override {
@@ -313,7 +313,7 @@ TEST(Listener, AFailedAcceptIsRetriedEverySecondBeforeAnythingElse) {
     orvtest::LogCapture log;
     ASSERT_EQ(waiting,
               socket_local_client_connect(waiting, "orvd", ANDROID_SOCKET_NAMESPACE_RESERVED, 0));
-    ASSERT_TRUE(log.waitFor("accept failed (Too many open files)", 2, 10000));
+    ASSERT_TRUE(log.waitFor("accept failed (Too many open files)", 2));
     ASSERT_EQ(6, write(early, "during", 6));
     EXPECT_FALSE(readable(early, 300)) << "served while a connection cannot be taken";
 

@@ -8,7 +8,7 @@
 #include <sstream>
 #include <string>
 
-#include "tools/ToolRun.h"
+#include "support/ToolRun.h"
 
 namespace kerneltest {
 

@@ -9,7 +9,7 @@
 
 #include <regex>
 
-#include "tools/ToolRun.h"
+#include "support/ToolRun.h"
 
 namespace {
 

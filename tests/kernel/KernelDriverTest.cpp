@@ -7,12 +7,12 @@
 #include <sys/ioctl.h>
 
 #include "CpuCgroup.h"
-#include "LiveDaemon.h"
+#include "support/Orvd.h"
 
 namespace {
 
 using kerneltest::CpuCgroup;
-using kerneltest::LiveDaemon;
+using orvtest::Orvd;
 
 // A policy whose application com.k runs `launch` on entering "launch" and `run` on "run".
 std::string policy(const std::string& launch, const std::string& run = "") {
@@ -21,6 +21,19 @@ std::string policy(const std::string& launch, const std::string& run = "") {
   "applications": { "com.k": { "action": {
     "launch": { "on_enter": [ )" +
            launch + R"( ] }, "run": { "on_enter": [ )" + run + R"( ] } } } } })";
+}
+
+// Starts orvd with debug lines on `policy` in `root`; true once it answers.
+bool startOn(const orvtest::TempRoot& root, Orvd& orvd, const std::string& policy) {
+    root.write("data/orvpolicy", policy);
+    orvd.start(true);
+    return orvd.ready();
+}
+
+// Waits until `actions` actions have run: orvctl returns once it has sent an event, before orvd
+// has read it.
+bool settle(const Orvd& orvd, int actions) {
+    return orvtest::eventually([&] { return orvd.count("->==work finish") >= actions; });
 }
 
 std::string ioctlMethod(const std::string& path, const std::string& dir, int nr, int size,
@@ -99,10 +112,11 @@ TEST(KernelDriver, IoctlOnAPseudoTerminal) {
     std::string methods;
     for (const auto& c : cases) methods += (methods.empty() ? "" : ", ") + c.method;
 
-    LiveDaemon orvd;
-    ASSERT_TRUE(orvd.start(policy(methods))) << orvd.log();
+    orvtest::TempRoot root;
+    Orvd orvd(root);
+    ASSERT_TRUE(startOn(root, orvd, policy(methods))) << orvd.log();
     ASSERT_EQ(0, orvd.ctl("launch com.k").status);
-    ASSERT_TRUE(orvd.settle(1)) << orvd.log();
+    ASSERT_TRUE(settle(orvd, 1)) << orvd.log();
 
     int failures = 0;
     for (const auto& c : cases) {
@@ -145,14 +159,16 @@ TEST(KernelDriver, XfsIntoACgroup) {
         return R"({ "method": "xfs", "path": ")" + path + R"(", "type": ")" + type +
                R"(", "value": )" + value + " }";
     };
-    LiveDaemon orvd;
-    ASSERT_TRUE(orvd.start(policy(xfs(knob, "int", "512") + ", " + xfs(knob, "string", R"("abc")"),
-                                  xfs(group.file("cgroup.procs"), "var", R"("PID")"))))
+    orvtest::TempRoot root;
+    Orvd orvd(root);
+    ASSERT_TRUE(startOn(root, orvd,
+                        policy(xfs(knob, "int", "512") + ", " + xfs(knob, "string", R"("abc")"),
+                               xfs(group.file("cgroup.procs"), "var", R"("PID")"))))
         << orvd.log();
     ASSERT_EQ(0, orvd.ctl("launch com.k").status);
     ASSERT_EQ(0, orvd.ctl("start " + std::to_string(app.pid) + " com.k").status);
     ASSERT_EQ(0, orvd.ctl("displayed " + std::to_string(app.pid) + " com.k").status);
-    ASSERT_TRUE(orvd.settle(2)) << orvd.log();  // launch, then displayed (start stays)
+    ASSERT_TRUE(settle(orvd, 2)) << orvd.log();  // launch, then displayed (start stays)
 
     // The kernel took 512 and refused "abc" with EINVAL, keeping 512.
     EXPECT_EQ("512\n", orvtest::readFile(knob));

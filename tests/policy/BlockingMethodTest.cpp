@@ -148,7 +148,7 @@ TEST_F(BlockingMethodTest, ProgramsPastTheirLimitAreKilledWithWhatTheyStarted) {
         if (row.startsChild) {
             pid_t child = atoi(orvtest::readFile(pidFile).c_str());
             ASSERT_GT(child, 0);
-            EXPECT_TRUE(mLog.waitUntil([&] { return ended(child); }, 10000)) << child;
+            EXPECT_TRUE(orvtest::eventually([&] { return ended(child); })) << child;
         }
     }
 }

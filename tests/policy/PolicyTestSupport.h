@@ -85,7 +85,8 @@ class PolicyTest : public ::testing::Test {
         auto* marker = new Marker();  // freed by the queue, after the future got its state
         std::future<void> done = marker->done.get_future();
         marker->send(manager);
-        ASSERT_EQ(std::future_status::ready, done.wait_for(std::chrono::seconds(10)));
+        ASSERT_EQ(std::future_status::ready,
+                  done.wait_for(std::chrono::milliseconds(orvtest::kWaitMs)));
     }
 
     // A FIFO that "xfs" methods can write to without blocking; drainFifo() reads it.

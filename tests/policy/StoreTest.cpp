@@ -139,7 +139,7 @@ TEST_F(StoreTest, AnUpdateStoresExactlyTheBytesItChecked) {
         EXPECT_EQ(body, orvtest::readFile(stored));
         EXPECT_NE(0, access(OrvPolicyFile::storeTemp(stored.c_str()).c_str(), F_OK));
         // The offered name is gone once accepted (the link itself, not what it names).
-        EXPECT_TRUE(mLog.waitUntil([&] { return lstat(path.c_str(), &st) != 0; }, 5000));
+        EXPECT_TRUE(orvtest::eventually([&] { return lstat(path.c_str(), &st) != 0; }));
         (new AppSwitch("B", 1, 2, "run", "A", 3, 4, "run"))->send(manager);
         sync(manager);
         EXPECT_EQ("v" + std::to_string(version), versionInForce(manager));

@@ -1,4 +1,8 @@
 // Replacing the database at run time, and the file move with hostile paths.
+#include <stdio.h>
+
+#include <atomic>
+#include <sstream>
 #include <thread>
 
 #include "PolicyTestSupport.h"
@@ -9,16 +13,19 @@ namespace {
 
 using UpdateTest = PolicyTest;
 
+// Version `v` of a policy whose default reset writes "<v>.reset|" to `path` and whose entry of A
+// to run writes "<v>.A|".
+std::string versioned(const std::string& path, const std::string& v) {
+    return marks(
+        R"({"parser":"v1.0","version":"#","default":{"action":{"reset":{"policy":[<#.reset|>]}}},
+        "applications":{"A":{"action":{"run":{"on_enter":[<#.A|>]}}}}})",
+        path, v);
+}
+
 TEST_F(UpdateTest, PreparedDatabaseIsMovedSafelyAndTakesOverAtTheNextAppSwitch) {
     ASSERT_EQ(0, chdir(mRoot.path().c_str()));  // where an injected relative "touch" would land
     const std::string fifo = makeFifo();
-    // Version `v`; its default reset writes "<v>.reset|", A's entry to run "<v>.A|".
-    auto doc = [&](const std::string& v) {
-        return marks(
-            R"({"parser":"v1.0","version":"#","default":{"action":{"reset":{"policy":[<#.reset|>]}}},
-            "applications":{"A":{"action":{"run":{"on_enter":[<#.A|>]}}}}})",
-            fifo, v);
-    };
+    auto doc = [&](const std::string& v) { return versioned(fifo, v); };
     OrvActionManager* manager = start(doc("v1"));
     std::thread([manager] { manager->waitDBUpdate(); }).detach();
     // Returns once every update queued before has finished (the move included).
@@ -75,6 +82,80 @@ TEST_F(UpdateTest, PreparedDatabaseIsMovedSafelyAndTakesOverAtTheNextAppSwitch) 
     std::string dump;
     manager->dumpState(dump);
     EXPECT_NE(std::string::npos, dump.find("PolicyDB version: v12\n"));
+}
+
+// Updates handed over while app switches run without pause on the action thread, which swaps
+// the database under the update lock. The update work must hold that lock until the new database
+// is handed over: ThreadSanitizer reports a hand-over outside it. Every switch runs on the
+// database that the previous one left, swapping at most once between exit and entry, and the
+// last database prepared is the one in force at the end.
+TEST_F(UpdateTest, UpdatesRacingAppSwitchesHandOverWholeDatabases) {
+    // Debug lines pass the log capture's lock, which orders the threads for the tool and can
+    // hide the race.
+    property_set("sys.orv.debug.daemon", "0");
+    OrvLogUpdateToggle();
+    const std::string fifo = makeFifo();
+    OrvActionManager* manager = start(versioned(fifo, "v1"));
+    std::thread([manager] { manager->waitDBUpdate(); }).detach();
+
+    constexpr int kLast = 40;
+    std::vector<std::string> files;
+    for (int v = 2; v <= kLast; ++v)
+        files.push_back(
+            mRoot.write("u" + std::to_string(v), versioned(fifo, "v" + std::to_string(v))));
+    // A switch that counts itself done, so that the switcher keeps only a few queued.
+    struct Switch : AppSwitch {
+        explicit Switch(std::atomic<int>& done)
+            : AppSwitch("B", 1, 2, "run", "A", 3, 4, "run"), mDone(done) {}
+        void execute() override {
+            AppSwitch::execute();
+            ++mDone;
+        }
+        std::atomic<int>& mDone;
+    };
+    std::atomic<int> done{0};
+    std::atomic<bool> stop{false};
+    std::thread switcher([&] {
+        for (int sent = 0; !stop; ++sent) {
+            while (sent - done > 4 && !stop) std::this_thread::yield();
+            (new Switch(done))->send(manager);
+        }
+    });
+    std::string written;
+    for (const std::string& file : files) {
+        manager->prepareUpdateDB(file.c_str());
+        ASSERT_TRUE(orvtest::eventually([&] {
+            written += drainFifo();  // the action thread blocks on a full FIFO
+            return mLog.has("new DB " + file + " is prepared to update)");
+        })) << file;
+    }
+    stop = true;
+    switcher.join();
+    (new AppSwitch("B", 1, 2, "run", "A", 3, 4, "run"))->send(manager);
+    sync(manager);
+    written += drainFifo();
+
+    // The start's reset, then "<x>.reset|<y>.A|" per switch: x is what the previous one entered
+    // with.
+    const std::string start = "v1.reset|";
+    ASSERT_EQ(start, written.substr(0, start.size()));
+    std::istringstream in(written.substr(start.size()));
+    int inForce = 1, switches = 0;
+    for (std::string reset, enter; std::getline(in, reset, '|') && std::getline(in, enter, '|');
+         ++switches) {
+        int x = 0, y = 0;
+        ASSERT_EQ(2, sscanf(reset.c_str(), "v%d.reset", &x) + sscanf(enter.c_str(), "v%d.A", &y))
+            << reset << enter;
+        ASSERT_EQ(inForce, x) << "switch " << switches;
+        ASSERT_GE(y, x) << "switch " << switches;
+        ASSERT_LE(y, kLast) << "switch " << switches;
+        inForce = y;
+    }
+    EXPECT_EQ(kLast, inForce) << switches << " switches";
+    EXPECT_EQ("", errors());
+    std::string dump;
+    manager->dumpState(dump);
+    EXPECT_NE(std::string::npos, dump.find("PolicyDB version: v" + std::to_string(kLast) + "\n"));
 }
 
 }  // namespace

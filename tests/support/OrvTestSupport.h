@@ -1,13 +1,11 @@
 #pragma once
 // Shared test fixtures: a throw-away ORV_ROOT and a capture of log records through the host hook.
 #include <orvhost/host.h>
-#include <stdint.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -119,24 +117,7 @@ class LogCapture {
     }
     // Waits until at least `n` records have text `text`; false on time-out.
     bool waitFor(const std::string& text, int n = 1, int timeoutMs = kWaitMs) const {
-        return waitUntil([&] { return count(text) >= n; }, timeoutMs);
-    }
-    bool waitUntil(const std::function<bool()>& done, int timeoutMs = kWaitMs) const {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        for (;;) {
-            uint64_t seen;
-            {
-                std::lock_guard<std::mutex> lock(mLock);
-                seen = mGeneration;
-            }
-            if (done()) return true;
-            // A record that arrived since `seen` was read ends the wait at once: none is missed.
-            std::unique_lock<std::mutex> lock(mLock);
-            if (!mCond.wait_until(lock, deadline, [&] { return mGeneration != seen; })) {
-                lock.unlock();
-                return done();
-            }
-        }
+        return eventually([&] { return count(text) >= n; }, timeoutMs);
     }
 
   private:
@@ -149,18 +130,12 @@ class LogCapture {
     }
     static void hook(int prio, const char* tag, const char* text, void* cookie) {
         auto* self = static_cast<LogCapture*>(cookie);
-        {
-            std::lock_guard<std::mutex> lock(self->mLock);
-            self->mRecords.push_back({prio, tag ? tag : "", text ? text : ""});
-            ++self->mGeneration;
-        }
-        self->mCond.notify_all();
+        std::lock_guard<std::mutex> lock(self->mLock);
+        self->mRecords.push_back({prio, tag ? tag : "", text ? text : ""});
     }
 
     mutable std::mutex mLock;
-    mutable std::condition_variable mCond;
     std::vector<LogRecord> mRecords;
-    uint64_t mGeneration = 0;
 };
 
 }  // namespace orvtest

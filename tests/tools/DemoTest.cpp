@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "tools/ToolRun.h"
+#include "support/ToolRun.h"
 
 using namespace orvtest;
 

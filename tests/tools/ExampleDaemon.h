@@ -1,11 +1,7 @@
 #pragma once
 // orvd running the example policy in a temporary root: its device paths point into the root,
 // where the nodes it writes exist; its standard error is the file "orvd.log" there.
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include "tools/ToolRun.h"
+#include "support/Orvd.h"
 
 namespace orvtest {
 
@@ -27,41 +23,13 @@ inline bool installExamplePolicy(const TempRoot& root) {
     return system(sed.c_str()) == 0;
 }
 
-class ExampleDaemon {
+// `debug` turns on orvd's debug lines before it starts.
+class ExampleDaemon : public Orvd {
   public:
-    // `debug` turns on orvd's debug lines before it starts.
-    ExampleDaemon(const TempRoot& root, bool debug) : mRoot(root) {
+    ExampleDaemon(const TempRoot& root, bool debug) : Orvd(root) {
         installExamplePolicy(root);
-        if (debug) root.write("dev/__properties__/sys.orv.debug.daemon", "1");
-        mPid = fork();
-        if (mPid == 0) {
-            if (freopen((root / "orvd.log").c_str(), "w", stderr) != nullptr)
-                execl(bin("orvd").c_str(), "orvd", static_cast<char*>(nullptr));
-            _exit(127);
-        }
+        start(debug);
     }
-    // SIGINT is orvd's normal stop; an exit that hangs is not what these tests are about.
-    ~ExampleDaemon() {
-        if (mPid <= 0) return;
-        kill(mPid, SIGINT);
-        if (!eventually([&] { return waitpid(mPid, nullptr, WNOHANG) == mPid; }, 3000)) {
-            kill(mPid, SIGKILL);
-            waitpid(mPid, nullptr, 0);
-        }
-    }
-    ExampleDaemon(const ExampleDaemon&) = delete;
-    ExampleDaemon& operator=(const ExampleDaemon&) = delete;
-
-    // Whether orvd answers a dump within a few seconds.
-    bool ready() const {
-        return mPid > 0 && eventually([&] { return runTool(mRoot, "orvctl", "dump").status == 0; });
-    }
-    std::string log() const { return readFile(mRoot / "orvd.log"); }
-    pid_t pid() const { return mPid; }
-
-  private:
-    const TempRoot& mRoot;
-    pid_t mPid;
 };
 
 }  // namespace orvtest

@@ -3,7 +3,7 @@
 
 #include <sstream>
 
-#include "tools/ToolRun.h"
+#include "support/ToolRun.h"
 
 using namespace orvtest;
 

@@ -16,8 +16,9 @@ const char* const kProcs = "dev/cpuctl/top-app/cgroup.procs";
 
 }  // namespace
 
-// One daemon for the whole story: queries, a few events by hand, then the example session.
-TEST(OrvdRunning, QueriesEventsAndTheExampleTrace) {
+// One daemon for queries and a few events by hand; "orvpolicy simulate"'s test replays the
+// example session.
+TEST(OrvdRunning, QueriesAndEventsByHand) {
     TempRoot root;
     auto node = [&](const char* rel) { return readFile(root / rel); };
     ExampleDaemon orvd(root, false);
@@ -52,20 +53,6 @@ TEST(OrvdRunning, QueriesEventsAndTheExampleTrace) {
     EXPECT_NE(dump.out.find("   App       : com.android.chrome\n   State     : run\n"),
               std::string::npos)
         << dump.out;
-
-    ToolResult r = runTool(root, "orvctl", "replay " + shellQuote(source("examples/session.trace")));
-    EXPECT_EQ(r.status, 0) << r.err;
-    for (const char* line : {"event-mask com.android.chrome => 7\n", "large-heap 3410 => true\n",
-                             "event-mask --pid 3410 => 11\n"})
-        EXPECT_NE(r.out.find(line), std::string::npos) << r.out;
-    // The session ends with the screen off and on again: back in reset, baseline applied. The
-    // last events have no reply, so orvd may read them after the dump's connection.
-    EXPECT_TRUE(eventually([&] {
-        dump = runTool(root, "orvctl", "dump");
-        return dump.out.find("   State     : reset\n") != std::string::npos;
-    })) << dump.out;
-    EXPECT_TRUE(eventually(
-        [&] { return readFile(root / "dev/__properties__/sys.orv.tune.profile") == "balanced"; }));
 }
 
 // "why" during an unlisted app's launch: the method that wrote each target, placed in the

@@ -6,7 +6,7 @@
 #include <map>
 #include <thread>
 
-#include "tools/ToolRun.h"
+#include "support/ToolRun.h"
 
 using namespace orvtest;
 

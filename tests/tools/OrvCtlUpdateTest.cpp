@@ -5,35 +5,30 @@
 
 using namespace orvtest;
 
-TEST(Tools, PrintTheirVersion) {
-    TempRoot root;
-    for (const char* tool : {"orvd", "orvctl", "orvpolicy"}) {
-        ToolResult r = runTool(root, tool, "--version");
-        EXPECT_EQ(r.status, 0) << tool;
-        EXPECT_EQ(r.out, std::string(tool) + " 1.0\n");
-        EXPECT_EQ(r.err, "") << tool;
-    }
-}
-
-// orvd answers what it knows and refuses the rest before anything starts: no log, no socket.
-TEST(Tools, OrvdArguments) {
+// Every tool prints its version; orvd answers what it knows and refuses the rest before
+// anything starts: no log, no socket.
+TEST(Tools, VersionsAndOrvdArguments) {
     TempRoot root;
     const std::string usage = "usage: orvd [--version | --help]\n";
     const struct {
+        const char* tool;
         const char* args;
         int status;
         std::string out, err;
     } rows[] = {
-        {"--help", 0, usage, ""},
-        {"--bogus", 2, "", usage},
-        {"--version --help", 2, "", usage},
-        {"''", 2, "", usage},  // an empty argument is still one
+        {"orvd", "--version", 0, "orvd 1.0\n", ""},
+        {"orvctl", "--version", 0, "orvctl 1.0\n", ""},
+        {"orvpolicy", "--version", 0, "orvpolicy 1.0\n", ""},
+        {"orvd", "--help", 0, usage, ""},
+        {"orvd", "--bogus", 2, "", usage},
+        {"orvd", "--version --help", 2, "", usage},
+        {"orvd", "''", 2, "", usage},  // an empty argument is still one
     };
     for (const auto& r : rows) {
-        ToolResult got = runTool(root, "orvd", r.args);
-        EXPECT_EQ(r.status, got.status) << r.args;
-        EXPECT_EQ(r.out, got.out) << r.args;
-        EXPECT_EQ(r.err, got.err) << r.args;
+        ToolResult got = runTool(root, r.tool, r.args);
+        EXPECT_EQ(r.status, got.status) << r.tool << " " << r.args;
+        EXPECT_EQ(r.out, got.out) << r.tool << " " << r.args;
+        EXPECT_EQ(r.err, got.err) << r.tool << " " << r.args;
     }
     EXPECT_FALSE(std::filesystem::exists(root / "dev/socket/orvd"));
 }

@@ -1,7 +1,7 @@
 // orvpolicy through its command line: every kind of finding, protection round trips, info.
 #include <gtest/gtest.h>
 
-#include "tools/ToolRun.h"
+#include "support/ToolRun.h"
 
 using namespace orvtest;
 

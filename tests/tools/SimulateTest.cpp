@@ -77,6 +77,9 @@ TEST(Simulate, WritesWhatTheDaemonWritesOnTheExampleSession) {
 
     ToolResult replay = runTool(root, "orvctl", "replay " + trace);
     ASSERT_EQ(replay.status, 0) << replay.err;
+    for (const char* line : {"event-mask com.android.chrome => 7\n", "large-heap 3410 => true\n",
+                             "event-mask --pid 3410 => 11\n"})
+        EXPECT_NE(replay.out.find(line), std::string::npos) << replay.out;
     // The simulation ends with orvd's stop, whose "on_stop" runs after everything else. The
     // last actions may still run after the replay returns, and the stop waits for them only so
     // long.
