@@ -53,13 +53,14 @@ Json::Value* OrvJsonActionDB::findOwnActionSet(const char* app, const char* stat
         mSetCache.clear();
         return getActionSet(app, state, key, reference);
     }
-    if (const OrvActionSetCache::Entry* hit = mSetCache.find(app, state, key)) {
+    if (const SetAnswer* hit = mSetCache.find({app, state, key})) {
         *reference = hit->reference;
         return hit->set;
     }
     *reference = nullptr;
     Json::Value* set = getActionSet(app, state, key, reference);
-    if (isSettledSet(app, state, key, set, *reference)) mSetCache.store({set, *reference});
+    if (isSettledSet(app, state, key, set, *reference))
+        mSetCache.store({app, state, key}, {set, *reference});
     return set;
 }
 
