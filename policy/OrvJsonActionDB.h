@@ -4,6 +4,7 @@
 
 #include <initializer_list>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "policy/OrvActionDB.h"
@@ -139,6 +140,21 @@ class OrvJsonActionDB : public OrvActionDB {
     bool pathAndText(const Json::Value& methodObject, OrvAction* action, const char*& path,
                      std::string& text);
 
+    // A method object as read once. Method objects sit in arrays, which lookups never enter, so
+    // what they hold never changes while the document lives.
+    struct MethodForm {
+        // METHOD_XFS or METHOD_PROP when the object reads without a log line into a text path
+        // and a value that needs no action record; else METHOD_UNKNOWN, and doAction reads the
+        // object every time.
+        int type;
+        const char* name;  // "method"
+        const char* path;
+        std::string text;  // the value as text
+    };
+    const MethodForm& methodForm(const Json::Value& methodObject);
+    // The form's write, as its handler would make it.
+    void runMethodForm(const MethodForm& form);
+
     Json::Value* mRoot;
     // Lookups grow the document; the listener's queries and the action thread both look up.
     pthread_mutex_t mDocLock;
@@ -154,5 +170,7 @@ class OrvJsonActionDB : public OrvActionDB {
     };
     // Under mDocLock: the listener's queries and tests on other threads ask.
     OrvSettledCache<ParamAnswer> mParamCache;
+    // Action thread only, like the execution that uses it.
+    std::unordered_map<const Json::Value*, MethodForm> mMethodForms;
     OrvFallbackProfile mFallback;
 };

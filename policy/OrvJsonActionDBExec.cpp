@@ -242,6 +242,12 @@ void OrvJsonActionDB::runMethods(Json::Value& set, OrvAction* action, bool clear
 }
 
 int OrvJsonActionDB::doAction(Json::Value& methodObject, OrvAction* action) {
+    const MethodForm& form = methodForm(methodObject);
+    if (form.type != METHOD_UNKNOWN) {
+        setCurActionInfo(form.name);
+        runMethodForm(form);
+        return 0;
+    }
     // A null element reads as an object without "method", as the inserting lookup would see it.
     if (methodObject.isNull()) {
         ALOGE("Invalid action (no method) %s", getCurActionInfoStr().c_str());
