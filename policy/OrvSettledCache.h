@@ -1,4 +1,6 @@
 #pragma once
+#include <string.h>
+
 #include <initializer_list>
 #include <string>
 #include <unordered_map>
@@ -25,10 +27,15 @@ class OrvSettledCache {
     // Each name ended by a NUL, which no name holds, so distinct lists never share a key. The key
     // is kept, so that a hit allocates nothing.
     void keyOf(std::initializer_list<const char*> names) {
-        mKey.clear();
+        size_t total = 0;
+        for (const char* name : names) total += strlen(name) + 1;
+        mKey.resize(total);
+        char* out = &mKey[0];
         for (const char* name : names) {
-            mKey.append(name);
-            mKey.push_back('\0');
+            const size_t length = strlen(name);
+            memcpy(out, name, length);
+            out += length;
+            *out++ = '\0';
         }
     }
 
