@@ -2,7 +2,6 @@
 #include <pthread.h>
 
 #include <list>
-#include <sstream>
 #include <string>
 
 #include "policy/OrvActionManager.h"
@@ -97,7 +96,7 @@ class OrvActionDB {
 
     bool mEncrypted;
     // Written by the action thread, read by state dumps; kept under mInfoLock.
-    std::ostringstream mLastActionSet;
+    std::string mLastActionSet;
     OrvAction* mCurAction;
     const char* mCurActionSetKey;
     std::string mCurReference;

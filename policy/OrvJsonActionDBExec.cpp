@@ -22,7 +22,11 @@ int OrvJsonActionDB::runKeyedAction(OrvAction* action, const char* app, const ch
     Json::Value* set = findActionSet(app, state, key, &reference);
     // Named only when it runs: most states have no set for most keys.
     std::string last;
-    if (set != nullptr) last = std::string(app) + ".action." + state + "." + key + "\n";
+    if (set != nullptr) {
+        static const char kAction[] = ".action.";
+        last.reserve(strlen(app) + sizeof(kAction) + strlen(state) + strlen(key) + 2);
+        last.append(app).append(kAction).append(state).append(".").append(key).append("\n");
+    }
     return runTrackedSet(action, key, set, reference, dir, last);
 }
 
@@ -104,6 +108,9 @@ bool OrvJsonActionDB::isSettledSet(const char* app, const char* state, const cha
 int OrvJsonActionDB::runTrackedSet(OrvAction* action, const char* key, Json::Value* set,
                                    const Json::Value* reference, ActionDir dir,
                                    const std::string& last) {
+    // Nothing to run and nothing to log: the bookkeeping would be set and cleared again with
+    // nothing in between to read it.
+    if (set == nullptr && !OrvLogIsEnabled()) return 0;
     setCurActionSet(action, key, reference ? reference->asString() : std::string());
     if (set != nullptr) {
         ORV_LOGD("fetch %s", getCurActionInfoStr().c_str());
