@@ -1,8 +1,8 @@
 #pragma once
 #include <pthread.h>
 
-#include <list>
 #include <string>
+#include <vector>
 
 #include "policy/OrvActionManager.h"
 
@@ -100,7 +100,8 @@ class OrvActionDB {
     OrvAction* mCurAction;
     const char* mCurActionSetKey;
     std::string mCurReference;
-    std::list<OrvActionInfo*> mActionInfoStack;
+    // A vector, not a list: a push within its capacity allocates nothing.
+    std::vector<OrvActionInfo*> mActionInfoStack;
     pthread_mutex_t mInfoLock;
 
   private:
