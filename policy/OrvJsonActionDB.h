@@ -170,7 +170,8 @@ class OrvJsonActionDB : public OrvActionDB {
     };
     // Under mDocLock: the listener's queries and tests on other threads ask.
     OrvSettledCache<ParamAnswer> mParamCache;
-    // Action thread only, like the execution that uses it.
+    // Action thread only, like the execution that uses them.
     std::unordered_map<const Json::Value*, MethodForm> mMethodForms;
+    std::string mLastScratch;  // runKeyedAction's name of the set it runs
     OrvFallbackProfile mFallback;
 };

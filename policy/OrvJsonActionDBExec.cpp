@@ -21,12 +21,11 @@ int OrvJsonActionDB::runKeyedAction(OrvAction* action, const char* app, const ch
     Json::Value* reference = nullptr;
     Json::Value* set = findActionSet(app, state, key, &reference);
     // Named only when it runs: most states have no set for most keys.
-    std::string last;
-    if (set != nullptr) {
-        static const char kAction[] = ".action.";
-        last.reserve(strlen(app) + sizeof(kAction) + strlen(state) + strlen(key) + 2);
-        last.append(app).append(kAction).append(state).append(".").append(key).append("\n");
-    }
+    // Built in a string kept for it: a name this long would otherwise cost an allocation.
+    std::string& last = mLastScratch;
+    last.clear();
+    if (set != nullptr)
+        last.append(app).append(".action.").append(state).append(".").append(key).append("\n");
     return runTrackedSet(action, key, set, reference, dir, last);
 }
 
