@@ -206,7 +206,8 @@ int OrvContext::endTimeout(OrvState* state) {
                                               "listview_scroll", "listview_fling", "rotate"};
     const char* name = state->getStateNameStr();
     bool ended = false;
-    for (const char* s : kEventEnded) ended = ended || strcmp(s, name) == 0;
+    // The first letter rules out most names without a call.
+    for (const char* s : kEventEnded) ended = ended || (s[0] == name[0] && strcmp(s, name) == 0);
     if (!ended || mAppName.empty()) return 0;
     // Built on the stack: every state change asks. The names above are short.
     static const char kSuffix[] = "_timeout";
