@@ -22,9 +22,12 @@ void OrvStopWatch::start(const char* label) {
 }
 
 void OrvStopWatch::check(const char* label) {
+    int count = mCount.fetch_add(1, std::memory_order_relaxed) + 1;
+    // The times are only ever shown in debug lines, and start() takes them afresh on every
+    // arrival, before the switch is read; a check while debug is off reads no clock.
+    if (!OrvLogIsEnabled()) return;
     struct timeval now;
     gettimeofday(&now, nullptr);
-    int count = mCount.fetch_add(1, std::memory_order_relaxed) + 1;
     // Seconds and microseconds are subtracted separately, without a borrow.
     ORV_LOGD("%s[%d]-%s: inc:%ld.%06ld, total:%ld.%06ld", mName.c_str(), count, label,
              static_cast<long>(now.tv_sec - mLastSec.load(std::memory_order_relaxed)),

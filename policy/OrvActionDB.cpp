@@ -61,13 +61,12 @@ void OrvActionDB::setCurActionSet(OrvAction* action, const char* key, const std:
 
 void OrvActionDB::setLastActionSet(const std::string& text) {
     OrvLockGuard guard(mInfoLock);
-    mLastActionSet.str("");
-    mLastActionSet << text;
+    mLastActionSet = text;
 }
 
 std::string OrvActionDB::getLastActionSet() {
     OrvLockGuard guard(mInfoLock);
-    return mLastActionSet.str();
+    return mLastActionSet;
 }
 
 std::string OrvActionDB::getCurActionInfoStr() {

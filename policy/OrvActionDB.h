@@ -1,9 +1,8 @@
 #pragma once
 #include <pthread.h>
 
-#include <list>
-#include <sstream>
 #include <string>
+#include <vector>
 
 #include "policy/OrvActionManager.h"
 
@@ -97,11 +96,12 @@ class OrvActionDB {
 
     bool mEncrypted;
     // Written by the action thread, read by state dumps; kept under mInfoLock.
-    std::ostringstream mLastActionSet;
+    std::string mLastActionSet;
     OrvAction* mCurAction;
     const char* mCurActionSetKey;
     std::string mCurReference;
-    std::list<OrvActionInfo*> mActionInfoStack;
+    // A vector, not a list: a push within its capacity allocates nothing.
+    std::vector<OrvActionInfo*> mActionInfoStack;
     pthread_mutex_t mInfoLock;
 
   private:

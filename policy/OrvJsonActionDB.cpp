@@ -2,6 +2,7 @@
 #include "policy/OrvJsonActionDB.h"
 
 #include <stdio.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -285,8 +286,35 @@ bool OrvJsonActionDB::findAppParam(const char* appName, const char* paramName, s
         ALOGE("no appName or paramName");
         return false;
     }
+    // Every state change asks for its state's time-out; the walk is what it costs.
+    {
+        OrvLockGuard guard(mDocLock);
+        if (const ParamAnswer* hit = mParamCache.find({appName, paramName})) {
+            if (hit->found) out = hit->text;
+            return hit->found;
+        }
+    }
+    bool settled = true;
+    const bool found = resolveParam(appName, paramName, out, settled);
+    if (settled) {
+        OrvLockGuard guard(mDocLock);
+        mParamCache.store({appName, paramName}, {found, found ? out : std::string()});
+    }
+    return found;
+}
+
+bool OrvJsonActionDB::resolveParam(const char* appName, const char* paramName, std::string& out,
+                                   bool& settled) {
     const std::string entry = mFallback.entryFor(appName);
-    if (findOwnParam(entry, paramName, out)) return true;
+    // Each answer is checked as it is, since the text read is only what `out` then holds.
+    auto own = [&](const std::string& app) {
+        std::string text;
+        const bool found = findOwnParam(app, paramName, text);
+        settled = settled && isSettledParam(app, paramName, found, text);
+        if (found) out = text;
+        return found;
+    };
+    if (own(entry)) return true;
     // A state taken from the fallback brings its time-out along.
     if (!mFallback.active() || entry == OrvFallbackProfile::kName) return false;
     const std::string key = paramName;
@@ -295,7 +323,7 @@ bool OrvJsonActionDB::findAppParam(const char* appName, const char* paramName, s
         mFallback.definesState(entry, key.substr(0, suffix).c_str())) {
         return false;
     }
-    return findOwnParam(OrvFallbackProfile::kName, paramName, out);
+    return own(OrvFallbackProfile::kName);
 }
 
 bool OrvJsonActionDB::findOwnParam(const std::string& appName, const char* paramName,
@@ -327,6 +355,37 @@ bool OrvJsonActionDB::findOwnParam(const std::string& appName, const char* param
         }
         app = text;
     }
+}
+
+// Links of a parameter's reference chain that isSettledParam follows before it gives up; the load
+// refuses loops, so only an absurd chain is this long.
+static const int kMaxSettledParamLinks = 64;
+
+bool OrvJsonActionDB::isSettledParam(const std::string& appName, const char* paramName, bool found,
+                                     const std::string& text) {
+    auto child = [](const Json::Value* node, const char* name) -> const Json::Value* {
+        return node != nullptr && node->isObject() ? node->find(name, name + strlen(name)) : nullptr;
+    };
+    OrvLockGuard guard(mDocLock);
+    const Json::Value* apps = child(mRoot, "applications");
+    if (apps == nullptr || !apps->isObject()) return false;
+    std::string name = appName;
+    for (int link = 0; link < kMaxSettledParamLinks; ++link) {
+        const Json::Value* app = child(apps, name.c_str());
+        if (app == nullptr || app->isNull()) return !found;
+        const Json::Value* param = child(app, "param");
+        if (param == nullptr || !param->isObject()) return false;
+        const Json::Value* value = child(param, paramName);
+        if (value != nullptr && !value->isNull()) {
+            if (value->isArray() || value->isObject()) return false;
+            return found && value->asString() == text;
+        }
+        const Json::Value* next = child(param, "reference");
+        if (next == nullptr || next->isNull()) return !found;
+        if (!next->isString()) return false;
+        name = next->asString();
+    }
+    return false;
 }
 
 Json::Value* OrvJsonActionDB::getActionSet(const char* appName, const char* stateName,

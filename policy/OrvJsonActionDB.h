@@ -4,11 +4,12 @@
 
 #include <initializer_list>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "policy/OrvActionDB.h"
-#include "policy/OrvActionSetCache.h"
 #include "policy/OrvFallbackProfile.h"
+#include "policy/OrvSettledCache.h"
 
 class OrvIoctlCfg;
 
@@ -96,8 +97,16 @@ class OrvJsonActionDB : public OrvActionDB {
     void logNotObject(std::initializer_list<const char*> keys, size_t depth);
     std::string memberText(const char* key, const char* absent);
     Json::Value* defaultResetSet();
+    // findAppParam without the cache; `settled` becomes false when its answer may yet change.
+    bool resolveParam(const char* appName, const char* paramName, std::string& out, bool& settled);
     // findAppParam along `appName`'s own "param" chain.
     bool findOwnParam(const std::string& appName, const char* paramName, std::string& out);
+    // True when findOwnParam's answer (`found`, `text`) can no longer change and a repeat would
+    // log nothing: on every link "applications", the application and its "param" are objects and
+    // the parameter is text, or the chain ends without "reference" or at an application that is
+    // null (lookups only ever give such an entry null members, so it never answers).
+    bool isSettledParam(const std::string& appName, const char* paramName, bool found,
+                        const std::string& text);
     // The set that runs for `app`: its own, else the fallback's. Action thread only.
     Json::Value* findActionSet(const char* app, const char* state, const char* key,
                                Json::Value** reference);
@@ -131,9 +140,38 @@ class OrvJsonActionDB : public OrvActionDB {
     bool pathAndText(const Json::Value& methodObject, OrvAction* action, const char*& path,
                      std::string& text);
 
+    // A method object as read once. Method objects sit in arrays, which lookups never enter, so
+    // what they hold never changes while the document lives.
+    struct MethodForm {
+        // METHOD_XFS or METHOD_PROP when the object reads without a log line into a text path
+        // and a value that needs no action record; else METHOD_UNKNOWN, and doAction reads the
+        // object every time.
+        int type;
+        const char* name;  // "method"
+        const char* path;
+        std::string text;  // the value as text
+    };
+    const MethodForm& methodForm(const Json::Value& methodObject);
+    // The form's write, as its handler would make it.
+    void runMethodForm(const MethodForm& form);
+
     Json::Value* mRoot;
     // Lookups grow the document; the listener's queries and the action thread both look up.
     pthread_mutex_t mDocLock;
-    OrvActionSetCache mSetCache;
+    struct SetAnswer {
+        Json::Value* set;        // null: there is none
+        Json::Value* reference;  // the last "reference" followed, null when none was
+    };
+    // Action thread only.
+    OrvSettledCache<SetAnswer> mSetCache;
+    struct ParamAnswer {
+        bool found;
+        std::string text;
+    };
+    // Under mDocLock: the listener's queries and tests on other threads ask.
+    OrvSettledCache<ParamAnswer> mParamCache;
+    // Action thread only, like the execution that uses them.
+    std::unordered_map<const Json::Value*, MethodForm> mMethodForms;
+    std::string mLastScratch;  // runKeyedAction's name of the set it runs
     OrvFallbackProfile mFallback;
 };

@@ -21,8 +21,11 @@ int OrvJsonActionDB::runKeyedAction(OrvAction* action, const char* app, const ch
     Json::Value* reference = nullptr;
     Json::Value* set = findActionSet(app, state, key, &reference);
     // Named only when it runs: most states have no set for most keys.
-    std::string last;
-    if (set != nullptr) last = std::string(app) + ".action." + state + "." + key + "\n";
+    // Built in a string kept for it: a name this long would otherwise cost an allocation.
+    std::string& last = mLastScratch;
+    last.clear();
+    if (set != nullptr)
+        last.append(app).append(".action.").append(state).append(".").append(key).append("\n");
     return runTrackedSet(action, key, set, reference, dir, last);
 }
 
@@ -53,13 +56,14 @@ Json::Value* OrvJsonActionDB::findOwnActionSet(const char* app, const char* stat
         mSetCache.clear();
         return getActionSet(app, state, key, reference);
     }
-    if (const OrvActionSetCache::Entry* hit = mSetCache.find(app, state, key)) {
+    if (const SetAnswer* hit = mSetCache.find({app, state, key})) {
         *reference = hit->reference;
         return hit->set;
     }
     *reference = nullptr;
     Json::Value* set = getActionSet(app, state, key, reference);
-    if (isSettledSet(app, state, key, set, *reference)) mSetCache.store({set, *reference});
+    if (isSettledSet(app, state, key, set, *reference))
+        mSetCache.store({app, state, key}, {set, *reference});
     return set;
 }
 
@@ -103,6 +107,9 @@ bool OrvJsonActionDB::isSettledSet(const char* app, const char* state, const cha
 int OrvJsonActionDB::runTrackedSet(OrvAction* action, const char* key, Json::Value* set,
                                    const Json::Value* reference, ActionDir dir,
                                    const std::string& last) {
+    // Nothing to run and nothing to log: the bookkeeping would be set and cleared again with
+    // nothing in between to read it.
+    if (set == nullptr && !OrvLogIsEnabled()) return 0;
     setCurActionSet(action, key, reference ? reference->asString() : std::string());
     if (set != nullptr) {
         ORV_LOGD("fetch %s", getCurActionInfoStr().c_str());
@@ -241,6 +248,12 @@ void OrvJsonActionDB::runMethods(Json::Value& set, OrvAction* action, bool clear
 }
 
 int OrvJsonActionDB::doAction(Json::Value& methodObject, OrvAction* action) {
+    const MethodForm& form = methodForm(methodObject);
+    if (form.type != METHOD_UNKNOWN) {
+        setCurActionInfo(form.name);
+        runMethodForm(form);
+        return 0;
+    }
     // A null element reads as an object without "method", as the inserting lookup would see it.
     if (methodObject.isNull()) {
         ALOGE("Invalid action (no method) %s", getCurActionInfoStr().c_str());

@@ -206,13 +206,17 @@ int OrvContext::endTimeout(OrvState* state) {
                                               "listview_scroll", "listview_fling", "rotate"};
     const char* name = state->getStateNameStr();
     bool ended = false;
-    for (const char* s : kEventEnded) ended = ended || strcmp(s, name) == 0;
+    // The first letter rules out most names without a call.
+    for (const char* s : kEventEnded) ended = ended || (s[0] == name[0] && strcmp(s, name) == 0);
     if (!ended || mAppName.empty()) return 0;
+    // Built on the stack: every state change asks. The names above are short.
+    static const char kSuffix[] = "_timeout";
+    char key[32];
+    const size_t length = strlen(name);
+    memcpy(key, name, length);
+    memcpy(key + length, kSuffix, sizeof(kSuffix));
     std::string value;
-    if (!mActionManager->findAppParam(mAppName.c_str(), (std::string(name) + "_timeout").c_str(),
-                                      value)) {
-        return 0;
-    }
+    if (!mActionManager->findAppParam(mAppName.c_str(), key, value)) return 0;
     int ms = atoi(value.c_str());
     return ms >= 1 ? ms : 0;
 }

@@ -20,6 +20,46 @@ bool OrvJsonActionDB::pathAndText(const Json::Value& methodObject, OrvAction* ac
     return true;
 }
 
+const OrvJsonActionDB::MethodForm& OrvJsonActionDB::methodForm(const Json::Value& methodObject) {
+    auto known = mMethodForms.find(&methodObject);
+    if (known != mMethodForms.end()) return known->second;
+    MethodForm form{METHOD_UNKNOWN, nullptr, nullptr, std::string()};
+    const Json::Value& method = member(methodObject, "method");
+    const Json::Value& path = member(methodObject, "path");
+    const Json::Value& type = member(methodObject, "type");
+    const Json::Value& value = member(methodObject, "value");
+    const int kind = method.isString() ? getMethodType(method.asCString()) : METHOD_UNKNOWN;
+    // The two literals of stringOfValue: a text of "type" "string", an int of "type" "int".
+    bool literal = false;
+    if (type.isString() && value.isString() && type.asString() == "string") {
+        form.text = value.asString();
+        literal = true;
+    } else if (type.isString() && value.isInt() && type.asString() == "int") {
+        form.text = std::to_string(value.asInt());
+        literal = true;
+    }
+    if ((kind == METHOD_XFS || kind == METHOD_PROP) && path.isString() && literal) {
+        form.type = kind;
+        form.name = method.asCString();
+        form.path = path.asCString();
+    } else {
+        form.text.clear();
+    }
+    return mMethodForms.emplace(&methodObject, std::move(form)).first->second;
+}
+
+void OrvJsonActionDB::runMethodForm(const MethodForm& form) {
+    if (OrvLogIsEnabled()) {
+        ALOGD("exe   %s:{path:%s value:%s}", getCurActionInfoStr().c_str(), form.path,
+              form.text.c_str());
+    }
+    if (form.type == METHOD_XFS) {
+        writeFile(form.path, form.text.c_str());
+    } else {
+        setSystemProperty(form.path, form.text.c_str());
+    }
+}
+
 void OrvJsonActionDB::doXfsAction(Json::Value& methodObject, OrvAction* action) {
     const char* path;
     std::string text;

@@ -270,7 +270,10 @@ extern "C" int __android_log_vprint(int prio, const char* tag, const char* fmt, 
     const char* text = small;
     std::string large;
     int n = fmt ? 0 : -1;
-    if (fmt != nullptr) {
+    // A format without conversions is its own text; printf would only copy it.
+    if (fmt != nullptr && !depth.nested() && strchr(fmt, '%') == nullptr) {
+        text = fmt;
+    } else if (fmt != nullptr) {
         va_list copy;
         va_copy(copy, ap);
         n = vsnprintf(small, sizeof(small), fmt, copy);
