@@ -40,6 +40,13 @@ TEST_F(MalformedTest, WrongKindsAndShapesAreLoggedAndSkipped) {
         {R"({"applications":{"A":{"action":{"reference":5}}}})", "Invalid policy DB: applications.A.action.reference is not text"},
         {R"({"default":{"action":{"reset":"x"}}})", "Invalid policy DB: default.action.reset is not an object"},
         {R"({"applications":{"A":{"action":{"run":{"policy":{"method":"xfs"}}}}}})", "Invalid action set (not an array) A.action.run.policy"},
+        // Parameters of the wrong kind, on A's own entry or down its reference chain; the
+        // fallback's own is read for a state A lacks.
+        {R"({"applications":{"A":{"param":5}}})", "Invalid policy DB: applications.A.param is not an object"},
+        {R"({"applications":{"A":{"param":{"run_timeout":[1]}}}})", "Invalid policy DB: applications.A.param.run_timeout is not text"},
+        {R"({"applications":{"A":{"param":{"reference":5}}}})", "Invalid policy DB: applications.A.param.reference is not text"},
+        {R"({"applications":{"A":{"param":{"reference":"B"}},"B":{"param":{"reference":"C"}},"C":{"param":{"run_timeout":{}}}}})", "Invalid policy DB: applications.C.param.run_timeout is not text"},
+        {R"({"applications":{"A":{"param":{"x":"1"}},"*":{"param":{"run_timeout":[1]}}}})", "Invalid policy DB: applications.*.param.run_timeout is not text"},
     };
     // clang-format on
     const std::string out = mRoot / "out";
@@ -52,6 +59,19 @@ TEST_F(MalformedTest, WrongKindsAndShapesAreLoggedAndSkipped) {
         db->executeOnExitAction(&action);
         db->executeDefaultResetAction(&action);
         db->executePolicyAction(&action);
+        // Parameter queries log what they meet on every call, not only the first.
+        auto query = [&] {
+            const size_t seen = mLog.records().size();
+            std::string value = "kept", lines;
+            EXPECT_FALSE(db->findAppParam("A", "run_timeout", value)) << doc;
+            EXPECT_EQ("kept", value) << doc;
+            const auto all = mLog.records();
+            for (size_t i = seen; i < all.size(); ++i)
+                if (all[i].prio == ANDROID_LOG_ERROR) lines += all[i].text + "\n";
+            return lines;
+        };
+        const std::string first = query();
+        EXPECT_EQ(first, query()) << doc;
         // Some shapes are met by several lookups, each logging the same line.
         std::set<std::string> lines;
         std::istringstream errs(errors());
