@@ -108,18 +108,20 @@ TEST_F(ExecutionTest, ReferencesAndNestedGroups) {
         {"D", "run", "", "nop (no define or reference: D.action.run.on_enter)"},
         {"Z", "run", "", "nop (no define or reference: Z.action.run.on_enter)"},
     };
-    for (const auto& [app, state, written, fetchLine] : rows) {
-        mLog.clear();
-        (new StateChange("start", state, app, 1, 2))->send(manager);
-        sync(manager);
-        EXPECT_EQ(written, drainFifo()) << app << " " << state;
-        EXPECT_TRUE(mLog.has(fetchLine)) << fetchLine;
-        // Each nesting level names its index and method or group.
-        std::string at = fetchLine.substr(6), boost = written == "boost|i|end|" ? at : "";
-        EXPECT_EQ(boost.empty() ? "" : "Unknown type(int). @" + at + "[0]boost[1]inner[1]prop",
-                  errors());
-        EXPECT_EQ(!boost.empty(),
-                  mLog.has("Cannot find policy_group.none. (fetch " + at + "[0]boost[2]group)"));
+    for (int round = 0; round < 2; ++round) {  // the second round from the settled answers
+        for (const auto& [app, state, written, fetchLine] : rows) {
+            mLog.clear();
+            (new StateChange("start", state, app, 1, 2))->send(manager);
+            sync(manager);
+            EXPECT_EQ(written, drainFifo()) << app << " " << state;
+            EXPECT_TRUE(mLog.has(fetchLine)) << fetchLine;
+            // Each nesting level names its index and method or group.
+            std::string at = fetchLine.substr(6), boost = written == "boost|i|end|" ? at : "";
+            EXPECT_EQ(boost.empty() ? "" : "Unknown type(int). @" + at + "[0]boost[1]inner[1]prop",
+                      errors());
+            EXPECT_EQ(!boost.empty(),
+                      mLog.has("Cannot find policy_group.none. (fetch " + at + "[0]boost[2]group)"));
+        }
     }
     expectParams(manager, params, "after");
     // The lookups that ran the sets grew the document: these count as known from then on.
