@@ -84,12 +84,14 @@ TEST_F(ExecutionTest, ReferencesAndNestedGroups) {
         "B":{"param":{"event_mask":"1","reference":"A"},
              "action":{"reference":"A","run":{"on_enter":[<B.run|>]}}},
         "C":{"param":{"reference":"B"},"action":{"reference":"B"}},
-        "D":{"param":{"reference":"nowhere"},"action":{"reference":"nowhere"}}}})",
+        "D":{"param":{"reference":"nowhere"},"action":{"reference":"nowhere"}},
+        "Be":{"param":{"vent_mask":"be"}}}})",
                                             fifo));
     // App, parameter, its value. Asked before the sets run and after, when the action lookups
     // have added "nowhere" and "Z" to the document.
     const std::vector<ParamRow> params = {
         {"B", "event_mask", "1"},      // own value wins
+        {"Be", "vent_mask", "be"},     // the same letters as B's, cut elsewhere
         {"B", "large_heap", "true"},   // from A
         {"C", "large_heap", "true"},   // from B, from A
         {"B", "reference", "A"},       // only when asked by that name
