@@ -84,8 +84,23 @@ TEST_F(ExecutionTest, ReferencesAndNestedGroups) {
         "B":{"param":{"event_mask":"1","reference":"A"},
              "action":{"reference":"A","run":{"on_enter":[<B.run|>]}}},
         "C":{"param":{"reference":"B"},"action":{"reference":"B"}},
-        "D":{"param":{"reference":"nowhere"},"action":{"reference":"nowhere"}}}})",
+        "D":{"param":{"reference":"nowhere"},"action":{"reference":"nowhere"}},
+        "Be":{"param":{"vent_mask":"be"}}}})",
                                             fifo));
+    // App, parameter, its value. Asked before the sets run and after, when the action lookups
+    // have added "nowhere" and "Z" to the document.
+    const std::vector<ParamRow> params = {
+        {"B", "event_mask", "1"},      // own value wins
+        {"Be", "vent_mask", "be"},     // the same letters as B's, cut elsewhere
+        {"B", "large_heap", "true"},   // from A
+        {"C", "large_heap", "true"},   // from B, from A
+        {"B", "reference", "A"},       // only when asked by that name
+        {"D", "large_heap", nullptr},  // the referenced app does not exist
+        {"Z", "large_heap", nullptr},
+    };
+    expectParams(manager, params, "before");
+    EXPECT_FALSE(manager->findApp("nowhere"));
+    EXPECT_FALSE(manager->findApp("Z"));
     // App, state entered, what gets written, the debug line naming the set and its source.
     const std::tuple<const char*, const char*, std::string, std::string> rows[] = {
         {"B", "launch", "boost|i|end|", "fetch B.action.launch.on_enter(reference A)"},
@@ -93,35 +108,74 @@ TEST_F(ExecutionTest, ReferencesAndNestedGroups) {
         {"C", "launch", "boost|i|end|", "fetch C.action.launch.on_enter(reference A)"},
         {"C", "run", "B.run|", "fetch C.action.run.on_enter(reference B)"},
         {"D", "run", "", "nop (no define or reference: D.action.run.on_enter)"},
+        {"Z", "run", "", "nop (no define or reference: Z.action.run.on_enter)"},
     };
-    for (const auto& [app, state, written, fetchLine] : rows) {
-        mLog.clear();
-        (new StateChange("start", state, app, 1, 2))->send(manager);
-        sync(manager);
-        EXPECT_EQ(written, drainFifo()) << app << " " << state;
-        EXPECT_TRUE(mLog.has(fetchLine)) << fetchLine;
-        // Each nesting level names its index and method or group.
-        std::string at = fetchLine.substr(6), boost = written == "boost|i|end|" ? at : "";
-        EXPECT_EQ(boost.empty() ? "" : "Unknown type(int). @" + at + "[0]boost[1]inner[1]prop",
-                  errors());
-        EXPECT_EQ(!boost.empty(),
-                  mLog.has("Cannot find policy_group.none. (fetch " + at + "[0]boost[2]group)"));
+    for (int round = 0; round < 2; ++round) {  // the second round from the settled answers
+        for (const auto& [app, state, written, fetchLine] : rows) {
+            mLog.clear();
+            (new StateChange("start", state, app, 1, 2))->send(manager);
+            sync(manager);
+            EXPECT_EQ(written, drainFifo()) << app << " " << state;
+            EXPECT_TRUE(mLog.has(fetchLine)) << fetchLine;
+            // Each nesting level names its index and method or group.
+            std::string at = fetchLine.substr(6), boost = written == "boost|i|end|" ? at : "";
+            EXPECT_EQ(boost.empty() ? "" : "Unknown type(int). @" + at + "[0]boost[1]inner[1]prop",
+                      errors());
+            EXPECT_EQ(!boost.empty(),
+                      mLog.has("Cannot find policy_group.none. (fetch " + at + "[0]boost[2]group)"));
+        }
     }
+    expectParams(manager, params, "after");
+    // The lookups that ran the sets grew the document: these count as known from then on.
+    EXPECT_TRUE(manager->findApp("nowhere"));
+    EXPECT_TRUE(manager->findApp("Z"));
+}
 
-    // App, parameter, its value (null: not found).
-    const std::tuple<const char*, const char*, const char*> params[] = {
-        {"B", "event_mask", "1"},      // own value wins
-        {"B", "large_heap", "true"},   // from A
-        {"C", "large_heap", "true"},   // from B, from A
-        {"B", "reference", "A"},       // only when asked by that name
-        {"D", "large_heap", nullptr},  // the referenced app does not exist
-        {"Z", "large_heap", nullptr},
+// Literal values are read once per database; variables, files and properties on every run.
+TEST_F(ExecutionTest, OnlyLiteralValuesAreKeptBetweenRuns) {
+    const std::string fifo = makeFifo(), src = mRoot / "src";
+    auto value = [](const char* method, const std::string& type, const std::string& v) {
+        return R"(,{"method":")" + std::string(method) + R"(","path":"#","type":")" + type +
+               R"(","value":)" + v + "}";
     };
-    for (const auto& [app, param, value] : params) {
-        std::string out = "unset";
-        EXPECT_EQ(value != nullptr, manager->findAppParam(app, param, out)) << app;
-        EXPECT_EQ(value ? value : "unset", out) << app << "." << param;
+    OrvActionManager* manager = start(marks(
+        R"({"parser":"v1.0","version":"v1","applications":{"B":{"action":{"reference":"A"}},
+        "A":{"action":{"run":{"on_enter":[<L|>)" +
+            value("xfs", "var", R"("PID")") + ",<|>" + value("xfs", "var", R"("GLTID")") + ",<|>" +
+            value("xfs", "xfs", '"' + src + '"') + ",<|>" + value("xfs", "prop", R"("test.src")") +
+            ",<|>" + value("xfs", "int", "7") +
+            R"(,{"method":"prop","path":"test.lit","type":"string","value":"on"},
+              {"method":"prop","path":"test.pid","type":"var","value":"PID"}]}}}}})",
+        fifo, fifo));
+    struct Row {
+        const char* app;
+        int pid, glTid;  // -1: unknown, so the variable writes nothing
+        const char* file;
+        const char* prop;
+        const char* written;
+        const char* at;  // the location the literal's trace line names
+    };
+    const Row rows[] = {
+        {"A", 11, 12, "s1", "p1", "L|11|12|s1|p1|7", "A.action.run.on_enter"},
+        {"B", 21, -1, "s2", "p2", "L|21||s2|p2|7", "B.action.run.on_enter(reference A)"},
+        {"A", 31, 32, "s3", "p3", "L|31|32|s3|p3|7", "A.action.run.on_enter"},
+    };
+    char prop[PROPERTY_VALUE_MAX];
+    for (const Row& r : rows) {
+        mRoot.write("src", r.file);
+        property_set("test.src", r.prop);
+        property_set("test.lit", "off");  // set again on every run
+        mLog.clear();
+        (new StateChange("start", "run", r.app, r.pid, r.glTid))->send(manager);
+        sync(manager);
+        EXPECT_EQ(r.written, drainFifo()) << r.pid;
+        EXPECT_TRUE(mLog.has("exe   " + std::string(r.at) + "[0]xfs:{path:" + fifo + " value:L|}"));
+        property_get("test.lit", prop, "");
+        EXPECT_STREQ("on", prop) << r.pid;
+        property_get("test.pid", prop, "");
+        EXPECT_EQ(std::to_string(r.pid), prop);
     }
+    EXPECT_EQ("", errors());
 }
 
 // Queries and dumps from another thread while actions run and grow the document.

@@ -15,12 +15,13 @@ std::string fallbackDocument(const std::string& fifo, const std::string& star) {
              "action":{"launch":{"on_enter":[<L.launch|>]},"run":{}}},
         "R":{"action":{"reference":"L"}},
         "F":{"action":{"reference":"*"}},
-        "G":{"action":{"rotate":{"policy":[<G.rotate|>]}}}}})",
+        "G":{"action":{"rotate":{"policy":[<G.rotate|>]}}},
+        "P":{"param":{"scale_timeout":"800"}}}})",
                  fifo);
 }
 
 const char* const kStar =
-    R"({"param":{"event_mask":"0101","launch_timeout":"900","scale_timeout":"800"},
+    R"({"param":{"event_mask":"0101","launch_timeout":"900","reference":"P"},
     "action":{"reference":"G","launch":{"on_enter":[<*.launch|>]},"run":{"policy":[<*.run|>]},
               "scale":{"policy":[<*.scale|>]}}})";
 
@@ -29,6 +30,22 @@ using FallbackTest = PolicyTest;
 TEST_F(FallbackTest, UnlistedAndUndefinedStatesRunTheFallback) {
     std::string fifo = makeFifo();
     OrvActionManager* manager = start(fallbackDocument(fifo, kStar));
+    // Parameters: the fallback's answer unlisted applications only. Asked before the sets run
+    // and after.
+    const std::vector<ParamRow> params = {
+        {"U", "event_mask", "0101"},
+        {"L", "event_mask", nullptr},  // a listed app keeps to its own
+        {"L", "large_heap", "true"},
+        {"U", "large_heap", nullptr},
+        // The time-out of a state comes with the state: L takes scale from the fallback, which
+        // refers to P for it...
+        {"L", "scale_timeout", "800"},
+        {"U", "scale_timeout", "800"},
+        // ...but has launch of its own.
+        {"L", "launch_timeout", nullptr},
+        {"U", "launch_timeout", "900"},
+    };
+    expectParams(manager, params, "before");
     struct Row {
         const char* app;
         const char* state;
@@ -52,6 +69,7 @@ TEST_F(FallbackTest, UnlistedAndUndefinedStatesRunTheFallback) {
         sync(manager);
         EXPECT_EQ(r.written, drainFifo()) << r.app << " " << r.state;
     }
+    expectParams(manager, params, "after");
     // The set is named after the application that ran it, and where it came from.
     auto db = parseDB(fallbackDocument(fifo, kStar));
     OrvActionManager::OrvAction action("start", "launch", "U", 1, 2);
@@ -59,30 +77,6 @@ TEST_F(FallbackTest, UnlistedAndUndefinedStatesRunTheFallback) {
     db->executeStateChangeAction(&action);
     EXPECT_EQ("*.launch|", drainFifo());
     EXPECT_TRUE(mLog.has("fetch U.action.launch.on_enter reference *"));
-
-    // Parameters: the fallback's answer unlisted applications only.
-    std::string out;
-    const struct {
-        const char* app;
-        const char* param;
-        bool found;
-        const char* value;
-    } params[] = {
-        {"U", "event_mask", true, "0101"},
-        {"L", "event_mask", false, ""},  // a listed app keeps to its own
-        {"L", "large_heap", true, "true"},
-        {"U", "large_heap", false, ""},
-        // The time-out of a state comes with the state: L takes scale from the fallback...
-        {"L", "scale_timeout", true, "800"},
-        // ...but has launch of its own.
-        {"L", "launch_timeout", false, ""},
-        {"U", "launch_timeout", true, "900"},
-    };
-    for (const auto& p : params) {
-        out.clear();
-        EXPECT_EQ(p.found, db->findAppParam(p.app, p.param, out)) << p.app << " " << p.param;
-        EXPECT_EQ(p.value, out) << p.app << " " << p.param;
-    }
     EXPECT_TRUE(db->findApp("U"));
     EXPECT_FALSE(db->findApp(""));
 }

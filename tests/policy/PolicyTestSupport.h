@@ -55,6 +55,26 @@ inline std::unique_ptr<OrvJsonActionDB> parseDB(const std::string& text) {
     return std::make_unique<OrvJsonActionDB>(root, false);
 }
 
+// A parameter query and its answer: the value, or null when it is not found.
+struct ParamRow {
+    const char* app;
+    const char* param;
+    const char* value;
+};
+
+// Asks every row twice, as repeated queries must answer alike; a miss leaves the output alone.
+inline void expectParams(OrvActionManager* manager, const std::vector<ParamRow>& rows,
+                         const std::string& when) {
+    for (int round = 0; round < 2; ++round) {
+        for (const ParamRow& r : rows) {
+            std::string out = "unset";
+            EXPECT_EQ(r.value != nullptr, manager->findAppParam(r.app, r.param, out))
+                << r.app << " " << r.param << " " << when;
+            EXPECT_EQ(r.value ? r.value : "unset", out) << r.app << " " << r.param << " " << when;
+        }
+    }
+}
+
 class PolicyTest : public ::testing::Test {
   protected:
     void SetUp() override {

@@ -14,11 +14,14 @@ namespace {
 using UpdateTest = PolicyTest;
 
 // Version `v` of a policy whose default reset writes "<v>.reset|" to `path` and whose entry of A
-// to run writes "<v>.A|".
+// to run writes "<v>.A|" and sets the property "test.<v>" to "<v>". A's "run_timeout" is "<v>",
+// and unlisted applications take it through the fallback.
 std::string versioned(const std::string& path, const std::string& v) {
     return marks(
         R"({"parser":"v1.0","version":"#","default":{"action":{"reset":{"policy":[<#.reset|>]}}},
-        "applications":{"A":{"action":{"run":{"on_enter":[<#.A|>]}}}}})",
+        "applications":{"*":{"param":{"reference":"A"}},"A":{"param":{"run_timeout":"#"},
+        "action":{"run":{"on_enter":[<#.A|>,
+            {"method":"prop","path":"test.#","type":"string","value":"#"}]}}}}})",
         path, v);
 }
 
@@ -75,9 +78,15 @@ TEST_F(UpdateTest, PreparedDatabaseIsMovedSafelyAndTakesOverAtTheNextAppSwitch) 
     (new StateChange("launch", "run", "A", 1, 2))->send(manager);
     sync(manager);
     EXPECT_FALSE(mLog.has("DB updated"));
+    expectParams(manager, {{"A", "run_timeout", "v1"}, {"U", "run_timeout", "v1"}}, "old");
     (new AppSwitch("B", 1, 2, "run", "A", 3, 4, "run"))->send(manager);
     sync(manager);
     EXPECT_EQ("v1.reset|v1.A|v1.reset|v12.A|", drainFifo());
+    // The new database answers, and its literal values and paths are the ones used.
+    expectParams(manager, {{"A", "run_timeout", "v12"}, {"U", "run_timeout", "v12"}}, "new");
+    char value[PROPERTY_VALUE_MAX];
+    property_get("test.v12", value, "");
+    EXPECT_STREQ("v12", value);
     EXPECT_EQ(1, mLog.count("DB updated"));
     std::string dump;
     manager->dumpState(dump);
