@@ -164,6 +164,26 @@ class OrvJsonActionDB : public OrvActionDB {
     };
     // Action thread only.
     OrvSettledCache<SetAnswer> mSetCache;
+    // The keys every state change asks for, answered together per application and state, so
+    // that one look-up serves them; other keys (events) stay in mSetCache.
+    enum { SLOT_ON_EXIT, SLOT_ON_ENTER, SLOT_POLICY, SLOT_COUNT };
+    struct StateSets {
+        SetAnswer answers[SLOT_COUNT];
+        bool known[SLOT_COUNT];
+    };
+    OrvSettledCache<StateSets> mStateSets;
+    // The two entries found last and their names: a change leaves the state the previous one
+    // entered, and state changes mostly go back and forth between two states.
+    struct RecentSets {
+        StateSets* sets = nullptr;
+        std::string app;
+        std::string state;
+    };
+    RecentSets mRecentSets[2];
+    int mOlderRecent = 0;
+    // The entry of `app` and `state`, null when none is known yet.
+    StateSets* findStateSets(const char* app, const char* state);
+    void clearSetCaches();
     struct ParamAnswer {
         bool found;
         std::string text;

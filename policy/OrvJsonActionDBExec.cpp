@@ -48,22 +48,66 @@ Json::Value* OrvJsonActionDB::findActionSet(const char* app, const char* state, 
     return set;
 }
 
+static int slotOfKey(const char* key) {
+    if (strcmp(key, "on_enter") == 0) return 1;
+    if (strcmp(key, "policy") == 0) return 2;
+    if (strcmp(key, "on_exit") == 0) return 0;
+    return -1;
+}
+
+void OrvJsonActionDB::clearSetCaches() {
+    mSetCache.clear();
+    mStateSets.clear();
+    for (RecentSets& recent : mRecentSets) recent.sets = nullptr;
+}
+
+OrvJsonActionDB::StateSets* OrvJsonActionDB::findStateSets(const char* app, const char* state) {
+    for (const RecentSets& recent : mRecentSets) {
+        if (recent.sets != nullptr && strcmp(recent.state.c_str(), state) == 0 &&
+            strcmp(recent.app.c_str(), app) == 0)
+            return recent.sets;
+    }
+    StateSets* sets = mStateSets.find({app, state});
+    if (sets != nullptr) {
+        RecentSets& older = mRecentSets[mOlderRecent];
+        older.sets = sets;
+        older.app = app;
+        older.state = state;
+        mOlderRecent ^= 1;
+    }
+    return sets;
+}
+
 Json::Value* OrvJsonActionDB::findOwnActionSet(const char* app, const char* state, const char* key,
                                                Json::Value** reference) {
     // A walk through a state named "reference" turns an application's null "reference" into an
     // object, which changes what earlier walks found.
     if (strcmp(state, "reference") == 0) {
-        mSetCache.clear();
+        clearSetCaches();
         return getActionSet(app, state, key, reference);
     }
-    if (const SetAnswer* hit = mSetCache.find({app, state, key})) {
+    const int slot = slotOfKey(key);
+    if (slot >= 0) {
+        if (StateSets* sets = findStateSets(app, state)) {
+            if (sets->known[slot]) {
+                *reference = sets->answers[slot].reference;
+                return sets->answers[slot].set;
+            }
+        }
+    } else if (const SetAnswer* hit = mSetCache.find({app, state, key})) {
         *reference = hit->reference;
         return hit->set;
     }
     *reference = nullptr;
     Json::Value* set = getActionSet(app, state, key, reference);
-    if (isSettledSet(app, state, key, set, *reference))
+    if (!isSettledSet(app, state, key, set, *reference)) return set;
+    if (slot < 0) {
         mSetCache.store({app, state, key}, {set, *reference});
+    } else {
+        StateSets& sets = mStateSets.entry({app, state});
+        sets.answers[slot] = {set, *reference};
+        sets.known[slot] = true;
+    }
     return set;
 }
 
