@@ -128,6 +128,10 @@ class OrvJsonActionDB : public OrvActionDB {
     // Runs the method objects of `set` on a new nesting level; `clearNames` empties the level's
     // name before each element (a group's level keeps the previous method's name).
     void runMethods(Json::Value& set, OrvAction* action, bool clearNames);
+    // The elements of `set`, an array, on the innermost level.
+    void runLevel(Json::Value& set, OrvAction* action, bool clearNames);
+    // doAction for an object without a form: read whole on every run.
+    int doActionRead(Json::Value& methodObject, OrvAction* action);
     void runSequenceSet(OrvAction* action, const char* app, const char* state, const char* key,
                         ActionDir dir);
     int stringOfValue(const Json::Value& valueObject, const Json::Value& typeValue,

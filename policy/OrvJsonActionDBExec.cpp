@@ -154,11 +154,21 @@ int OrvJsonActionDB::runTrackedSet(OrvAction* action, const char* key, Json::Val
     // Nothing to run and nothing to log: the bookkeeping would be set and cleared again with
     // nothing in between to read it.
     if (set == nullptr && !OrvLogIsEnabled()) return 0;
+    const bool traced = ATRACE_ENABLED() != 0;
+    if (set != nullptr && set->isArray() && !traced && !OrvLogIsEnabled()) {
+        // No line and no slice reads the bookkeeping between naming the set and opening its
+        // level, nor between closing them: each pair takes one hold, and a dump sees what it
+        // would have seen just before or after.
+        OrvActionInfo level(0, "");
+        openActionSet(action, key, reference ? reference->asString() : std::string(), &level);
+        runLevel(*set, action, true);
+        closeActionSet(last);
+        return 0;
+    }
     setCurActionSet(action, key, reference ? reference->asString() : std::string());
     if (set != nullptr) {
         ORV_LOGD("fetch %s", getCurActionInfoStr().c_str());
         // A slice per action set on the action thread, named by its location.
-        const bool traced = ATRACE_ENABLED() != 0;
         if (traced) ATRACE_BEGIN(getCurActionInfoStr().c_str());
         doActions(*set, action, dir);
         if (traced) ATRACE_END();
@@ -284,11 +294,23 @@ void OrvJsonActionDB::runMethods(Json::Value& set, OrvAction* action, bool clear
     }
     OrvActionInfo info(0, "");
     pushActionInfo(&info);
-    for (Json::ArrayIndex i = 0; i < set.size(); ++i) {
-        setCurActionIndex(static_cast<int>(i), clearNames);
-        doAction(set[i], action);
-    }
+    runLevel(set, action, clearNames);
     popActionInfo();
+}
+
+void OrvJsonActionDB::runLevel(Json::Value& set, OrvAction* action, bool clearNames) {
+    for (Json::ArrayIndex i = 0; i < set.size(); ++i) {
+        Json::Value& methodObject = set[i];
+        const MethodForm& form = methodForm(methodObject);
+        if (form.type != METHOD_UNKNOWN) {
+            // Index and name in one hold; the emptied name in between is never read.
+            setCurActionLevel(static_cast<int>(i), form.name);
+            runMethodForm(form);
+        } else {
+            setCurActionIndex(static_cast<int>(i), clearNames);
+            doActionRead(methodObject, action);
+        }
+    }
 }
 
 int OrvJsonActionDB::doAction(Json::Value& methodObject, OrvAction* action) {
@@ -298,6 +320,10 @@ int OrvJsonActionDB::doAction(Json::Value& methodObject, OrvAction* action) {
         runMethodForm(form);
         return 0;
     }
+    return doActionRead(methodObject, action);
+}
+
+int OrvJsonActionDB::doActionRead(Json::Value& methodObject, OrvAction* action) {
     // A null element reads as an object without "method", as the inserting lookup would see it.
     if (methodObject.isNull()) {
         ALOGE("Invalid action (no method) %s", getCurActionInfoStr().c_str());
