@@ -24,8 +24,20 @@ int OrvJsonActionDB::runKeyedAction(OrvAction* action, const char* app, const ch
     // Built in a string kept for it: a name this long would otherwise cost an allocation.
     std::string& last = mLastScratch;
     last.clear();
-    if (set != nullptr)
-        last.append(app).append(".action.").append(state).append(".").append(key).append("\n");
+    if (set != nullptr) {
+        // Sized once and copied in, rather than grown by five appends.
+        const size_t appLength = strlen(app), stateLength = strlen(state), keyLength = strlen(key);
+        static const char kAction[] = ".action.";
+        const size_t actionLength = sizeof(kAction) - 1;
+        last.resize(appLength + actionLength + stateLength + 1 + keyLength + 1);
+        char* out = &last[0];
+        memcpy(out, app, appLength);
+        memcpy(out += appLength, kAction, actionLength);
+        memcpy(out += actionLength, state, stateLength);
+        *(out += stateLength) = '.';
+        memcpy(++out, key, keyLength);
+        out[keyLength] = '\n';
+    }
     return runTrackedSet(action, key, set, reference, dir, last);
 }
 
@@ -49,9 +61,13 @@ Json::Value* OrvJsonActionDB::findActionSet(const char* app, const char* state, 
 }
 
 static int slotOfKey(const char* key) {
-    if (strcmp(key, "on_enter") == 0) return 1;
-    if (strcmp(key, "policy") == 0) return 2;
-    if (strcmp(key, "on_exit") == 0) return 0;
+    // The first letter rules out event names without a call.
+    if (key[0] == 'o') {
+        if (strcmp(key, "on_enter") == 0) return 1;
+        if (strcmp(key, "on_exit") == 0) return 0;
+    } else if (key[0] == 'p' && strcmp(key, "policy") == 0) {
+        return 2;
+    }
     return -1;
 }
 
@@ -82,7 +98,7 @@ Json::Value* OrvJsonActionDB::findOwnActionSet(const char* app, const char* stat
                                                Json::Value** reference) {
     // A walk through a state named "reference" turns an application's null "reference" into an
     // object, which changes what earlier walks found.
-    if (strcmp(state, "reference") == 0) {
+    if (state[0] == 'r' && strcmp(state, "reference") == 0) {
         clearSetCaches();
         return getActionSet(app, state, key, reference);
     }
