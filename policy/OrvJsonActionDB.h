@@ -196,6 +196,9 @@ class OrvJsonActionDB : public OrvActionDB {
     OrvSettledCache<ParamAnswer> mParamCache;
     // Action thread only, like the execution that uses them.
     std::unordered_map<const Json::Value*, MethodForm> mMethodForms;
+    // The forms of an array's elements, in order.
+    std::unordered_map<const Json::Value*, std::vector<const MethodForm*>> mSetForms;
+    const std::vector<const MethodForm*>& formsOf(Json::Value& set);
     std::string mLastScratch;  // runKeyedAction's name of the set it runs
     OrvFallbackProfile mFallback;
 };

@@ -315,18 +315,29 @@ void OrvJsonActionDB::runMethods(Json::Value& set, OrvAction* action, bool clear
 }
 
 void OrvJsonActionDB::runLevel(Json::Value& set, OrvAction* action, bool clearNames) {
-    for (Json::ArrayIndex i = 0; i < set.size(); ++i) {
-        Json::Value& methodObject = set[i];
-        const MethodForm& form = methodForm(methodObject);
+    const std::vector<const MethodForm*>& forms = formsOf(set);
+    for (size_t i = 0; i < forms.size(); ++i) {
+        const MethodForm& form = *forms[i];
         if (form.type != METHOD_UNKNOWN) {
             // Index and name in one hold; the emptied name in between is never read.
             setCurActionLevel(static_cast<int>(i), form.name);
             runMethodForm(form);
         } else {
             setCurActionIndex(static_cast<int>(i), clearNames);
-            doActionRead(methodObject, action);
+            doActionRead(set[static_cast<Json::ArrayIndex>(i)], action);
         }
     }
+}
+
+// An array's elements never change while the document lives (lookups do not enter arrays), so
+// neither do their forms: one look-up per run instead of an element and a form per method.
+const std::vector<const OrvJsonActionDB::MethodForm*>& OrvJsonActionDB::formsOf(Json::Value& set) {
+    auto known = mSetForms.find(&set);
+    if (known != mSetForms.end()) return known->second;
+    std::vector<const MethodForm*> forms;
+    forms.reserve(set.size());
+    for (Json::ArrayIndex i = 0; i < set.size(); ++i) forms.push_back(&methodForm(set[i]));
+    return mSetForms.emplace(&set, std::move(forms)).first->second;
 }
 
 int OrvJsonActionDB::doAction(Json::Value& methodObject, OrvAction* action) {
