@@ -45,8 +45,20 @@ void OrvActionDB::setCurActionIndex(int index, bool clearName) {
     }
 }
 
+void OrvActionDB::setCurActionLevel(int index, const char* name) {
+    OrvLockGuard guard(mInfoLock);
+    if (!mActionInfoStack.empty()) {
+        mActionInfoStack.back()->mIndex = index;
+        mActionInfoStack.back()->setName(name);
+    }
+}
+
 void OrvActionDB::clearActionSetInfo() {
     OrvLockGuard guard(mInfoLock);
+    clearActionSetInfoLocked();
+}
+
+void OrvActionDB::clearActionSetInfoLocked() {
     mCurAction = nullptr;
     mCurActionSetKey = "";
     mCurReference.clear();
@@ -54,9 +66,28 @@ void OrvActionDB::clearActionSetInfo() {
 
 void OrvActionDB::setCurActionSet(OrvAction* action, const char* key, const std::string& reference) {
     OrvLockGuard guard(mInfoLock);
+    setCurActionSetLocked(action, key, reference);
+}
+
+void OrvActionDB::setCurActionSetLocked(OrvAction* action, const char* key,
+                                        const std::string& reference) {
     mCurAction = action;
     mCurActionSetKey = key ? key : "";
     mCurReference = reference;
+}
+
+void OrvActionDB::openActionSet(OrvAction* action, const char* key, const std::string& reference,
+                                OrvActionInfo* level) {
+    OrvLockGuard guard(mInfoLock);
+    setCurActionSetLocked(action, key, reference);
+    mActionInfoStack.push_back(level);
+}
+
+void OrvActionDB::closeActionSet(const std::string& last) {
+    OrvLockGuard guard(mInfoLock);
+    if (!mActionInfoStack.empty()) mActionInfoStack.pop_back();
+    mLastActionSet = last;
+    clearActionSetInfoLocked();
 }
 
 void OrvActionDB::setLastActionSet(const std::string& text) {

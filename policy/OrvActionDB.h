@@ -93,6 +93,14 @@ class OrvActionDB {
     void setLastActionSet(const std::string& text);
     // Names the current element of the innermost level; `clearName` empties its name too.
     void setCurActionIndex(int index, bool clearName);
+    // The same with the element's method name, in one hold.
+    void setCurActionLevel(int index, const char* name);
+    // setCurActionSet and pushActionInfo(level) in one hold, for a set run with nothing
+    // between the two that could read the bookkeeping.
+    void openActionSet(OrvAction* action, const char* key, const std::string& reference,
+                       OrvActionInfo* level);
+    // popActionInfo, setLastActionSet(last) and clearActionSetInfo in one hold.
+    void closeActionSet(const std::string& last);
 
     bool mEncrypted;
     // Written by the action thread, read by state dumps; kept under mInfoLock.
@@ -105,6 +113,9 @@ class OrvActionDB {
     pthread_mutex_t mInfoLock;
 
   private:
+    void setCurActionSetLocked(OrvAction* action, const char* key, const std::string& reference);
+    void clearActionSetInfoLocked();
+
     OrvActionDB(const OrvActionDB&) = delete;
     OrvActionDB& operator=(const OrvActionDB&) = delete;
 };

@@ -128,6 +128,10 @@ class OrvJsonActionDB : public OrvActionDB {
     // Runs the method objects of `set` on a new nesting level; `clearNames` empties the level's
     // name before each element (a group's level keeps the previous method's name).
     void runMethods(Json::Value& set, OrvAction* action, bool clearNames);
+    // The elements of `set`, an array, on the innermost level.
+    void runLevel(Json::Value& set, OrvAction* action, bool clearNames);
+    // doAction for an object without a form: read whole on every run.
+    int doActionRead(Json::Value& methodObject, OrvAction* action);
     void runSequenceSet(OrvAction* action, const char* app, const char* state, const char* key,
                         ActionDir dir);
     int stringOfValue(const Json::Value& valueObject, const Json::Value& typeValue,
@@ -164,6 +168,26 @@ class OrvJsonActionDB : public OrvActionDB {
     };
     // Action thread only.
     OrvSettledCache<SetAnswer> mSetCache;
+    // The keys every state change asks for, answered together per application and state, so
+    // that one look-up serves them; other keys (events) stay in mSetCache.
+    enum { SLOT_ON_EXIT, SLOT_ON_ENTER, SLOT_POLICY, SLOT_COUNT };
+    struct StateSets {
+        SetAnswer answers[SLOT_COUNT];
+        bool known[SLOT_COUNT];
+    };
+    OrvSettledCache<StateSets> mStateSets;
+    // The two entries found last and their names: a change leaves the state the previous one
+    // entered, and state changes mostly go back and forth between two states.
+    struct RecentSets {
+        StateSets* sets = nullptr;
+        std::string app;
+        std::string state;
+    };
+    RecentSets mRecentSets[2];
+    int mOlderRecent = 0;
+    // The entry of `app` and `state`, null when none is known yet.
+    StateSets* findStateSets(const char* app, const char* state);
+    void clearSetCaches();
     struct ParamAnswer {
         bool found;
         std::string text;
@@ -172,6 +196,9 @@ class OrvJsonActionDB : public OrvActionDB {
     OrvSettledCache<ParamAnswer> mParamCache;
     // Action thread only, like the execution that uses them.
     std::unordered_map<const Json::Value*, MethodForm> mMethodForms;
+    // The forms of an array's elements, in order.
+    std::unordered_map<const Json::Value*, std::vector<const MethodForm*>> mSetForms;
+    const std::vector<const MethodForm*>& formsOf(Json::Value& set);
     std::string mLastScratch;  // runKeyedAction's name of the set it runs
     OrvFallbackProfile mFallback;
 };

@@ -24,8 +24,20 @@ int OrvJsonActionDB::runKeyedAction(OrvAction* action, const char* app, const ch
     // Built in a string kept for it: a name this long would otherwise cost an allocation.
     std::string& last = mLastScratch;
     last.clear();
-    if (set != nullptr)
-        last.append(app).append(".action.").append(state).append(".").append(key).append("\n");
+    if (set != nullptr) {
+        // Sized once and copied in, rather than grown by five appends.
+        const size_t appLength = strlen(app), stateLength = strlen(state), keyLength = strlen(key);
+        static const char kAction[] = ".action.";
+        const size_t actionLength = sizeof(kAction) - 1;
+        last.resize(appLength + actionLength + stateLength + 1 + keyLength + 1);
+        char* out = &last[0];
+        memcpy(out, app, appLength);
+        memcpy(out += appLength, kAction, actionLength);
+        memcpy(out += actionLength, state, stateLength);
+        *(out += stateLength) = '.';
+        memcpy(++out, key, keyLength);
+        out[keyLength] = '\n';
+    }
     return runTrackedSet(action, key, set, reference, dir, last);
 }
 
@@ -48,22 +60,70 @@ Json::Value* OrvJsonActionDB::findActionSet(const char* app, const char* state, 
     return set;
 }
 
+static int slotOfKey(const char* key) {
+    // The first letter rules out event names without a call.
+    if (key[0] == 'o') {
+        if (strcmp(key, "on_enter") == 0) return 1;
+        if (strcmp(key, "on_exit") == 0) return 0;
+    } else if (key[0] == 'p' && strcmp(key, "policy") == 0) {
+        return 2;
+    }
+    return -1;
+}
+
+void OrvJsonActionDB::clearSetCaches() {
+    mSetCache.clear();
+    mStateSets.clear();
+    for (RecentSets& recent : mRecentSets) recent.sets = nullptr;
+}
+
+OrvJsonActionDB::StateSets* OrvJsonActionDB::findStateSets(const char* app, const char* state) {
+    for (const RecentSets& recent : mRecentSets) {
+        if (recent.sets != nullptr && strcmp(recent.state.c_str(), state) == 0 &&
+            strcmp(recent.app.c_str(), app) == 0)
+            return recent.sets;
+    }
+    StateSets* sets = mStateSets.find({app, state});
+    if (sets != nullptr) {
+        RecentSets& older = mRecentSets[mOlderRecent];
+        older.sets = sets;
+        older.app = app;
+        older.state = state;
+        mOlderRecent ^= 1;
+    }
+    return sets;
+}
+
 Json::Value* OrvJsonActionDB::findOwnActionSet(const char* app, const char* state, const char* key,
                                                Json::Value** reference) {
     // A walk through a state named "reference" turns an application's null "reference" into an
     // object, which changes what earlier walks found.
-    if (strcmp(state, "reference") == 0) {
-        mSetCache.clear();
+    if (state[0] == 'r' && strcmp(state, "reference") == 0) {
+        clearSetCaches();
         return getActionSet(app, state, key, reference);
     }
-    if (const SetAnswer* hit = mSetCache.find({app, state, key})) {
+    const int slot = slotOfKey(key);
+    if (slot >= 0) {
+        if (StateSets* sets = findStateSets(app, state)) {
+            if (sets->known[slot]) {
+                *reference = sets->answers[slot].reference;
+                return sets->answers[slot].set;
+            }
+        }
+    } else if (const SetAnswer* hit = mSetCache.find({app, state, key})) {
         *reference = hit->reference;
         return hit->set;
     }
     *reference = nullptr;
     Json::Value* set = getActionSet(app, state, key, reference);
-    if (isSettledSet(app, state, key, set, *reference))
+    if (!isSettledSet(app, state, key, set, *reference)) return set;
+    if (slot < 0) {
         mSetCache.store({app, state, key}, {set, *reference});
+    } else {
+        StateSets& sets = mStateSets.entry({app, state});
+        sets.answers[slot] = {set, *reference};
+        sets.known[slot] = true;
+    }
     return set;
 }
 
@@ -110,11 +170,21 @@ int OrvJsonActionDB::runTrackedSet(OrvAction* action, const char* key, Json::Val
     // Nothing to run and nothing to log: the bookkeeping would be set and cleared again with
     // nothing in between to read it.
     if (set == nullptr && !OrvLogIsEnabled()) return 0;
+    const bool traced = ATRACE_ENABLED() != 0;
+    if (set != nullptr && set->isArray() && !traced && !OrvLogIsEnabled()) {
+        // No line and no slice reads the bookkeeping between naming the set and opening its
+        // level, nor between closing them: each pair takes one hold, and a dump sees what it
+        // would have seen just before or after.
+        OrvActionInfo level(0, "");
+        openActionSet(action, key, reference ? reference->asString() : std::string(), &level);
+        runLevel(*set, action, true);
+        closeActionSet(last);
+        return 0;
+    }
     setCurActionSet(action, key, reference ? reference->asString() : std::string());
     if (set != nullptr) {
         ORV_LOGD("fetch %s", getCurActionInfoStr().c_str());
         // A slice per action set on the action thread, named by its location.
-        const bool traced = ATRACE_ENABLED() != 0;
         if (traced) ATRACE_BEGIN(getCurActionInfoStr().c_str());
         doActions(*set, action, dir);
         if (traced) ATRACE_END();
@@ -240,11 +310,34 @@ void OrvJsonActionDB::runMethods(Json::Value& set, OrvAction* action, bool clear
     }
     OrvActionInfo info(0, "");
     pushActionInfo(&info);
-    for (Json::ArrayIndex i = 0; i < set.size(); ++i) {
-        setCurActionIndex(static_cast<int>(i), clearNames);
-        doAction(set[i], action);
-    }
+    runLevel(set, action, clearNames);
     popActionInfo();
+}
+
+void OrvJsonActionDB::runLevel(Json::Value& set, OrvAction* action, bool clearNames) {
+    const std::vector<const MethodForm*>& forms = formsOf(set);
+    for (size_t i = 0; i < forms.size(); ++i) {
+        const MethodForm& form = *forms[i];
+        if (form.type != METHOD_UNKNOWN) {
+            // Index and name in one hold; the emptied name in between is never read.
+            setCurActionLevel(static_cast<int>(i), form.name);
+            runMethodForm(form);
+        } else {
+            setCurActionIndex(static_cast<int>(i), clearNames);
+            doActionRead(set[static_cast<Json::ArrayIndex>(i)], action);
+        }
+    }
+}
+
+// An array's elements never change while the document lives (lookups do not enter arrays), so
+// neither do their forms: one look-up per run instead of an element and a form per method.
+const std::vector<const OrvJsonActionDB::MethodForm*>& OrvJsonActionDB::formsOf(Json::Value& set) {
+    auto known = mSetForms.find(&set);
+    if (known != mSetForms.end()) return known->second;
+    std::vector<const MethodForm*> forms;
+    forms.reserve(set.size());
+    for (Json::ArrayIndex i = 0; i < set.size(); ++i) forms.push_back(&methodForm(set[i]));
+    return mSetForms.emplace(&set, std::move(forms)).first->second;
 }
 
 int OrvJsonActionDB::doAction(Json::Value& methodObject, OrvAction* action) {
@@ -254,6 +347,10 @@ int OrvJsonActionDB::doAction(Json::Value& methodObject, OrvAction* action) {
         runMethodForm(form);
         return 0;
     }
+    return doActionRead(methodObject, action);
+}
+
+int OrvJsonActionDB::doActionRead(Json::Value& methodObject, OrvAction* action) {
     // A null element reads as an object without "method", as the inserting lookup would see it.
     if (methodObject.isNull()) {
         ALOGE("Invalid action (no method) %s", getCurActionInfoStr().c_str());

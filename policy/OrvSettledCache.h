@@ -11,11 +11,16 @@
 template <typename Answer>
 class OrvSettledCache {
   public:
-    // Null when the names are not known.
-    const Answer* find(std::initializer_list<const char*> names) {
+    // Null when the names are not known. Entries stay where they are until clear().
+    Answer* find(std::initializer_list<const char*> names) {
         keyOf(names);
         auto it = mEntries.find(mKey);
         return it == mEntries.end() ? nullptr : &it->second;
+    }
+    // The entry for the names, value-initialised when they were not known.
+    Answer& entry(std::initializer_list<const char*> names) {
+        keyOf(names);
+        return mEntries[mKey];
     }
     void store(std::initializer_list<const char*> names, const Answer& answer) {
         keyOf(names);
