@@ -60,7 +60,15 @@ Json::Value* OrvJsonActionDB::findActionSet(const char* app, const char* state, 
     return set;
 }
 
+// The keys of the three sets every move runs. Passed by these names, they are known by address.
+static const char kOnExit[] = "on_exit";
+static const char kOnEnter[] = "on_enter";
+static const char kPolicy[] = "policy";
+
 static int slotOfKey(const char* key) {
+    if (key == kOnEnter) return 1;
+    if (key == kOnExit) return 0;
+    if (key == kPolicy) return 2;
     // The first letter rules out event names without a call.
     if (key[0] == 'o') {
         if (strcmp(key, "on_enter") == 0) return 1;
@@ -197,17 +205,17 @@ int OrvJsonActionDB::runTrackedSet(OrvAction* action, const char* key, Json::Val
 }
 
 int OrvJsonActionDB::executeOnExitAction(OrvAction* action) {
-    return runKeyedAction(action, action->mFromAppName.c_str(), action->mFromStateName, "on_exit",
+    return runKeyedAction(action, action->mFromAppName.c_str(), action->mFromStateName, kOnExit,
                           ACTION_DIR_EXIT, "executeOnExitAction failed: no DB exist");
 }
 
 int OrvJsonActionDB::executeOnEnterAction(OrvAction* action) {
-    return runKeyedAction(action, action->mToAppName.c_str(), action->mToStateName, "on_enter",
+    return runKeyedAction(action, action->mToAppName.c_str(), action->mToStateName, kOnEnter,
                           ACTION_DIR_ENTER, "executeOnEnterAction failed: no DB exist");
 }
 
 int OrvJsonActionDB::executePolicyAction(OrvAction* action) {
-    return runKeyedAction(action, action->mToAppName.c_str(), action->mToStateName, "policy",
+    return runKeyedAction(action, action->mToAppName.c_str(), action->mToStateName, kPolicy,
                           ACTION_DIR_ENTER, "executePolicyAction failed: no DB exist");
 }
 
@@ -271,7 +279,7 @@ int OrvJsonActionDB::runSequence(OrvAction* action, bool appSwitch) {
         ALOGE("no DB exist (null root)");
         return -1;
     }
-    runSequenceSet(action, action->mFromAppName.c_str(), action->mFromStateName, "on_exit",
+    runSequenceSet(action, action->mFromAppName.c_str(), action->mFromStateName, kOnExit,
                    ACTION_DIR_EXIT);
     if (appSwitch && strcmp(orEmpty(action->mFromStateName), orv::state::kReset) != 0) {
         if (Json::Value* set = defaultResetSet()) {
@@ -282,9 +290,9 @@ int OrvJsonActionDB::runSequence(OrvAction* action, bool appSwitch) {
             ALOGE("nop (no define: default.action.reset.policy)");
         }
     }
-    runSequenceSet(action, action->mToAppName.c_str(), action->mToStateName, "on_enter",
+    runSequenceSet(action, action->mToAppName.c_str(), action->mToStateName, kOnEnter,
                    ACTION_DIR_ENTER);
-    runSequenceSet(action, action->mToAppName.c_str(), action->mToStateName, "policy",
+    runSequenceSet(action, action->mToAppName.c_str(), action->mToStateName, kPolicy,
                    ACTION_DIR_ENTER);
     return 0;
 }
