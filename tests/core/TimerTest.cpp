@@ -255,10 +255,10 @@ TEST_F(TimerTest, AnExpiryNeverWaitsOnAListenerThatAcceptsNobody) {
     auto acceptAll = [&] {
         for (int fd; (fd = accept(daemon, nullptr, nullptr)) >= 0;) accepted.push_back(fd);
     };
-    while (!done) {
+    EXPECT_TRUE(orvtest::eventually([&] {
         acceptAll();
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+        return done.load();
+    }));
     listener.join();
     acceptAll();
     // With room again, the next time-out connects and is delivered.

@@ -11,9 +11,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <random>
 #include <thread>
 
@@ -455,13 +457,17 @@ TEST_F(DaemonTest, ClientsThatDoNotReadCostOnlyThemselves) {
         }
     };
     addSilent(5);
-    std::atomic<bool> stop{false};
+    // A client that reads one byte a second: real time must pass between its reads, and the
+    // end of the test wakes it at once.
+    std::mutex stopLock;
+    std::condition_variable stopped;
+    bool stop = false;
     std::thread trickle([&] {
         Client c;
         if (!c.send(asks)) return;
-        for (char byte; !stop && recv(c.fd, &byte, 1, MSG_DONTWAIT) != 0;)
-            for (int tenth = 0; tenth < 10 && !stop; ++tenth)
-                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        std::unique_lock<std::mutex> lock(stopLock);
+        for (char byte; recv(c.fd, &byte, 1, MSG_DONTWAIT) != 0;)
+            if (stopped.wait_for(lock, std::chrono::seconds(1), [&] { return stop; })) return;
     });
     Client polite;
     EXPECT_NE("", polite.ask(900, "")) << "another client waited";
@@ -475,7 +481,11 @@ TEST_F(DaemonTest, ClientsThatDoNotReadCostOnlyThemselves) {
     EXPECT_EQ(6, orvd.count(dropped)) << "one line per client, not one per reply";
     addSilent(3);  // stopped while they are being answered
     stopBySigint();
-    stop = true;
+    {
+        std::lock_guard<std::mutex> lock(stopLock);
+        stop = true;
+    }
+    stopped.notify_all();
     trickle.join();
 }
 
